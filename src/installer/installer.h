@@ -1,0 +1,165 @@
+#ifndef CORBETH_INSTALLER_H
+#define CORBETH_INSTALLER_H
+
+#include "config/installinfo.h"
+
+#include <corbeth/cbenum.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QMap>
+#include <QtCore/QObject>
+#include <QtCore/QStringList>
+
+#include <functional>
+
+namespace Corbeth {
+
+// Carries out one operation of the install description on this machine.
+//
+// The configuration side (loading the descriptions, path variables, custom
+// tags, additions) is in config/installerconfig.cpp; the operations and their
+// steps are in the installer_*.cpp files beside this header.
+class Installer : public QObject
+{
+    Q_OBJECT
+public:
+    using InstallCallback = std::function<CBEnum::ErrorCode()>;
+
+    explicit Installer(QObject *parent = nullptr);
+    ~Installer() override;
+
+    // --- configuration side ---------------------------------------------------
+    // Replaces every "${name}" placeholder the engine knows, in a fixed order,
+    // then the custom tags in name order; unknown placeholders stay.
+    QString expandPath(const QString &path) const;
+
+    // The section parser and its item parsers. An item parser returns false at
+    // the first bad entry; what it appended before stays.
+    static InstallInfoPtr parseInstallInfo(const QVariantMap &section);
+    static bool parseCoverFiles(const QVariant &value, QList<CoverFileInfo> &out);
+    static bool parseDrivers(const QVariant &value, QList<CBEnum::DriverType> &out);
+    static bool parseProcess(const QVariant &value, QList<ProcessHelper> &out);
+    static bool parseSettings(const QVariant &value, QList<SettingInfo> &out);
+    static bool parseLinks(const QVariant &value, QList<LinkInfo> &out);
+    static bool parseOlderSoftware(const QVariant &value, OlderSoftwareInfo &out);
+    static bool parseErrorLevel(const QVariantMap &item, ErrorLevel &level);
+    static InstallInfoSet parseInstallInfoSet(const QVariantMap &document);
+    // Additions are merged onto base in the given order, base entries last.
+    static InstallInfoSet mergeInstallInfoSets(const QList<InstallInfoSet> &additions, const InstallInfoSet &base);
+
+    bool parseCustomTag(const QList<QVariant> &tags);
+    bool parseAdditions(const QVariantMap &additions);
+    bool setCurrentAddtions(const QStringList &names);
+    QStringList currentAddtions() const { return m_currentAdditions; }
+
+    void setInstallPath(const QString &path);
+    QString installPath() const { return m_installPath; }
+    void setOlderInstallPath(const QString &path);
+    QString olderSoftwarePath() const;
+    void setForceInstall(bool force) { m_forceInstall = force; }
+    bool forceInstall() const { return m_forceInstall; }
+    void setNeedUninstallOlder(bool need) { m_needUninstall = need; }
+    bool needUninstallOlder() const { return m_needUninstall; }
+    void setInstallCallback(InstallCallback callback) { m_installCallback = std::move(callback); }
+
+    InstallInfoPtr installInfo() const { return m_installInfo; }
+    InstallInfoPtr uninstallInfo() const { return m_uninstallInfo; }
+    InstallInfoPtr updateInfo() const { return m_updateInfo; }
+    InstallInfoPtr updatePatchInfo() const { return m_updatePatchInfo; }
+    InstallInfoSet parsedInstallInfoSet() const { return m_parsedSet; }
+    QStringList clearProcessList() const { return m_clearProcess; }
+    QMap<QString, QString> customTags() const { return m_customTags; }
+
+    // --- operations -------------------------------------------------------------
+    double currentProgress() const { return m_progress; }
+    void advanceProgress(double step, double ceiling);
+
+    // File operations.
+    bool cutFiles(const QList<CoverFileInfo> &items);
+    bool checkPathExist(ErrorLevel level, const QVariantMap &params, const QString &name);
+    bool coverFile(const QString &src, const QString &dest);
+    bool copyDir(const QString &srcDir, const QString &destDir, QDir::Filters filters, const QString &suffix);
+    bool makeDir(const QString &path);
+    bool removeFiles(const QStringList &files, const QStringList &whiteList);
+    bool removeDir(const QDir &dir);
+    void filesToWhite(const QStringList &whiteList);
+    void whiteToFiles(const QStringList &whiteList);
+
+    // Shortcuts, settings and uninstall entries.
+    bool links(const QList<LinkInfo> &items);
+    void settings(const QList<SettingInfo> &items);
+    void addUninstallObj(const QString &settingPath, const QString &uninstallCommand);
+    void removeSettings(const QStringList &paths);
+    void removeFileAssociations();
+
+    // Process step.
+    CBEnum::ErrorCode processExe(const QList<ProcessHelper> &list);
+    static QStringList splitArguments(const QString &commandLine);
+
+    // Steps around the operations.
+    bool clearProcess();
+    bool driverExist(const QList<CBEnum::DriverType> &drivers);
+    bool checkOldSoftwareIsExist();
+    bool uninstallOldSoftware();
+    bool copySuicideTool();
+    void suicide(const QString &dir);
+    bool isSuicide() const { return m_isSuicide; }
+    bool checkIfOfflineInstall(QString &packagePath, QString &verifyPath);
+    bool searchPackage(const QString &dir, QString &found);
+    void removeUpdateDir();
+
+    // The newest ".tolmpkg" file of dir, or an empty string.
+    static QString latestPackage(const QString &dir);
+
+public slots:
+    bool installPackage();
+    bool uninstallPackage(QString flow);
+    bool update();
+    bool updatePatch();
+    void onConfigDataChanged();
+
+signals:
+    void progress(double progress);
+    void riseOfProgress(double rise);
+    void installPackageFinished();
+    void uninstallPackageFinished();
+    void installPathChanged();
+    void errorOccurred(CBEnum::ErrorCode error);
+
+private:
+    bool runInstallSteps();
+    bool runUninstallSteps();
+    void initStandardLocations();
+
+    QString m_installPath;
+    InstallInfoPtr m_installInfo;
+    InstallInfoPtr m_uninstallInfo;
+    InstallInfoPtr m_updatePatchInfo;
+    InstallInfoPtr m_updateInfo;
+    InstallInfoSet m_parsedSet;
+    double m_progress = 0.0;
+    InstallCallback m_installCallback;
+    bool m_needUninstall = false;
+    bool m_forceInstall = false;
+    QStringList m_clearProcess;
+
+    // Path variables fixed when the engine is made.
+    QString m_packagePath;
+    QString m_startMenuPrograms;
+    QString m_desktop;
+    QString m_appDataPath;
+    QMap<QString, QString> m_customTags;
+    QMap<QString, InstallInfoSet> m_additions;
+    QStringList m_currentAdditions;
+
+    // How each driver type is recognised on this machine (configuration
+    // "driverIdentification", with built-in defaults).
+    QMap<int, QStringList> m_driverIds;
+
+    bool m_isSuicide = false;
+    QString m_suicideToolPath;
+};
+
+} // namespace Corbeth
+
+#endif // CORBETH_INSTALLER_H
