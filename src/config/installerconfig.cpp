@@ -1,15 +1,550 @@
-// Placeholder until the configuration side of the engine lands.
+// The configuration side of the Installer: the install description's load and
+// parsers, path variables, custom tags and additions.
 #include "installer/installer.h"
 
+#include "config/configer.h"
+#include "logging_p.h"
+#include "manager/ptrmanager.h"
+#include "platform/skglobal.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QFileInfo>
+#include <QtCore/QStandardPaths>
+
+#include <algorithm>
+
 namespace Corbeth {
+
+namespace {
+
+const char installerSettingPath[] = "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller";
+
+// A configuration comes from a JSON document or from a client's own map, so a
+// list may arrive as either list type.
+bool isList(const QVariant &value)
+{
+    return value.userType() == QMetaType::QVariantList || value.userType() == QMetaType::QStringList;
+}
+
+bool isMap(const QVariant &value)
+{
+    return value.userType() == QMetaType::QVariantMap;
+}
+
+bool isStringList(const QVariant &value)
+{
+    if (value.userType() == QMetaType::QStringList)
+        return true;
+    if (value.userType() != QMetaType::QVariantList)
+        return false;
+    const QVariantList list = value.toList();
+    return std::all_of(list.cbegin(), list.cend(),
+                       [](const QVariant &item) { return item.userType() == QMetaType::QString; });
+}
+
+// Reads an optional string member; a member of another type is a fault.
+bool readString(const QVariantMap &map, const QString &key, QString &out)
+{
+    const auto it = map.constFind(key);
+    if (it == map.cend())
+        return true;
+    if (it->userType() != QMetaType::QString)
+        return false;
+    out = it->toString();
+    return true;
+}
+
+bool readStringList(const QVariantMap &map, const QString &key, QStringList &out)
+{
+    const auto it = map.constFind(key);
+    if (it == map.cend())
+        return true;
+    if (!isStringList(*it))
+        return false;
+    out = it->toStringList();
+    return true;
+}
+
+bool configError(const QVariant &value)
+{
+    qCWarning(lcCorbeth) << "configdata error" << value;
+    return false;
+}
+
+// Hands each element of a list of objects to parse; stops at the first fault.
+template<typename Parse>
+bool forEachObject(const QVariant &value, Parse parse)
+{
+    if (!isList(value))
+        return configError(value);
+    const QVariantList items = value.toList();
+    for (const QVariant &element : items) {
+        if (!isMap(element))
+            return configError(element);
+        if (!parse(element.toMap()))
+            return false;
+    }
+    return true;
+}
+
+template<typename T>
+void appendNew(QList<T> &target, const QList<T> &source)
+{
+    for (const T &item : source) {
+        if (!target.contains(item))
+            target.append(item);
+    }
+}
+
+// Lists in order, each entry once; settings of one registry path combined, the
+// later value of a name winning; olderSoftwareInfo and forceInstall from the
+// last part but those of the additions override it when they set them.
+InstallInfoPtr mergeInstallInfos(const QList<InstallInfoPtr> &additions, const InstallInfoPtr &base)
+{
+    auto merged = InstallInfoPtr::create();
+    QList<InstallInfoPtr> parts = additions;
+    parts.append(base);
+    for (const InstallInfoPtr &part : qAsConst(parts)) {
+        if (!part)
+            continue;
+        appendNew(merged->links, part->links);
+        appendNew(merged->process, part->process);
+        appendNew(merged->checkDrivers, part->checkDrivers);
+        appendNew(merged->coverFiles, part->coverFiles);
+        appendNew(merged->removeFiles, part->removeFiles);
+        appendNew(merged->removeSettings, part->removeSettings);
+        appendNew(merged->whiteList, part->whiteList);
+        for (const SettingInfo &setting : part->settings) {
+            auto same = std::find_if(merged->settings.begin(), merged->settings.end(),
+                                     [&setting](const SettingInfo &s) { return s.path == setting.path; });
+            if (same == merged->settings.end()) {
+                merged->settings.append(setting);
+                continue;
+            }
+            for (auto it = setting.key.cbegin(); it != setting.key.cend(); ++it)
+                same->key.insert(it.key(), it.value());
+        }
+    }
+    if (base) {
+        merged->olderSoftwareInfo = base->olderSoftwareInfo;
+        merged->forceInstall = base->forceInstall;
+    }
+    for (const InstallInfoPtr &addition : additions) {
+        if (!addition)
+            continue;
+        if (!addition->olderSoftwareInfo.settingPath.isEmpty())
+            merged->olderSoftwareInfo = addition->olderSoftwareInfo;
+        // false cannot be told from an absent key: an addition can only switch it on.
+        merged->forceInstall = merged->forceInstall || addition->forceInstall;
+    }
+    return merged;
+}
+
+} // namespace
 
 Installer::Installer(QObject *parent)
     : QObject(parent)
 {
+    initStandardLocations();
+    const QVariant packagePath =
+        SKGlobal::instance()->settingValue(QLatin1String(installerSettingPath), QStringLiteral("path"));
+    m_packagePath = QDir::fromNativeSeparators(packagePath.toString());
+    qCDebug(lcCorbeth) << "user path" << m_packagePath;
+    connect(this, &Installer::installPathChanged, this,
+            [this] { qCDebug(lcCorbeth) << "installllllll path" << m_installPath; });
 }
 
 Installer::~Installer() = default;
 
-void Installer::onConfigDataChanged() {}
+void Installer::initStandardLocations()
+{
+    const QStringList startMenu = QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
+    if (startMenu.isEmpty()) {
+        qCCritical(lcCorbeth) << "Failed to retrieve Start Menu Programs Path.";
+    } else {
+        m_startMenuPrograms = startMenu.first();
+        qCDebug(lcCorbeth) << "Start Menu Programs Path:" << m_startMenuPrograms;
+    }
+
+    // The parent of the application's own data folder, whether or not either
+    // exists yet (QDir::cdUp() would refuse a parent that does not exist).
+    m_appDataPath = QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)
+                                    + QLatin1String("/.."));
+    qCDebug(lcCorbeth) << "AppDataLocation" << m_appDataPath;
+
+    const QStringList desktop = QStandardPaths::standardLocations(QStandardPaths::DesktopLocation);
+    if (desktop.isEmpty()) {
+        qCCritical(lcCorbeth) << "Failed to retrieve DesktopLocation Menu Programs Path.";
+    } else {
+        m_desktop = desktop.first();
+        // Prints the start menu folder, as this line always has.
+        qCDebug(lcCorbeth) << "DesktopLocation Menu Programs Path:" << m_startMenuPrograms;
+    }
+}
+
+InstallInfoSet Installer::currentSet() const
+{
+    return {m_installInfo, m_uninstallInfo, m_updateInfo, m_updatePatchInfo};
+}
+
+void Installer::setCurrentSet(const InstallInfoSet &set)
+{
+    m_installInfo = set.install;
+    m_uninstallInfo = set.uninstall;
+    m_updateInfo = set.update;
+    m_updatePatchInfo = set.updatePatch;
+}
+
+void Installer::onConfigDataChanged()
+{
+    qCDebug(lcCorbeth) << "config changed";
+    const QVariantMap document = PtrManager::instance()->configer()->configData();
+    qCInfo(lcCorbeth) << "init installinfo";
+    m_parsedSet = parseInstallInfoSet(document);
+
+    const auto clearProcess = document.constFind(QStringLiteral("clearProcess"));
+    if (clearProcess != document.cend()) {
+        qCInfo(lcCorbeth) << "init clearProcess";
+        if (isStringList(*clearProcess))
+            m_clearProcess = clearProcess->toStringList();
+        else
+            configError(*clearProcess);
+    }
+
+    const auto customTag = document.constFind(QStringLiteral("customTag"));
+    if (customTag != document.cend()) {
+        const bool ok = isList(*customTag) ? parseCustomTag(customTag->toList()) : configError(*customTag);
+        if (!ok)
+            qCCritical(lcCorbeth) << "customtag fail";
+    }
+
+    const auto additions = document.constFind(QStringLiteral("additions"));
+    if (additions != document.cend()) {
+        const bool ok = isMap(*additions) ? parseAdditions(additions->toMap()) : configError(*additions);
+        if (!ok)
+            qCCritical(lcCorbeth) << "customtag fail";
+    }
+
+    setInstallPath(expandPath(m_parsedSet.install->olderSoftwareInfo.olderInstallPath));
+    m_forceInstall = m_parsedSet.install->forceInstall;
+    setCurrentSet(m_parsedSet);
+    // The additions applied before belonged to the replaced set.
+    m_currentAdditions.clear();
+    qCInfo(lcCorbeth) << "init installer success";
+}
+
+InstallInfoSet Installer::parseInstallInfoSet(const QVariantMap &document)
+{
+    auto section = [&document](const char *key) {
+        const auto it = document.constFind(QLatin1String(key));
+        if (it == document.cend())
+            return QVariantMap();
+        if (!isMap(*it))
+            configError(*it);
+        return it->toMap();
+    };
+    InstallInfoSet set;
+    set.install = parseInstallInfo(section("install"));
+    qCDebug(lcCorbeth) << "install info by map";
+    set.uninstall = parseInstallInfo(section("uninstall"));
+    set.update = parseInstallInfo(section("update"));
+    set.updatePatch = parseInstallInfo(section("updatePatch"));
+    return set;
+}
+
+InstallInfoPtr Installer::parseInstallInfo(const QVariantMap &section)
+{
+    auto info = InstallInfoPtr::create();
+    if (section.isEmpty())
+        return info;
+
+    auto item = [&section](const char *key, const char *failure, auto parse) {
+        const auto it = section.constFind(QLatin1String(key));
+        if (it != section.cend() && !parse(*it))
+            qCWarning(lcCorbeth) << failure;
+    };
+    item("coverFiles", "cutfiles error", [&info](const QVariant &v) { return parseCoverFiles(v, info->coverFiles); });
+    item("checkDrivers", "check driver erorr",
+         [&info](const QVariant &v) { return parseDrivers(v, info->checkDrivers); });
+    item("process", "process driver erorr", [&info](const QVariant &v) { return parseProcess(v, info->process); });
+    item("settings", "settings  erorr", [&info](const QVariant &v) { return parseSettings(v, info->settings); });
+    item("links", "links  erorr", [&info](const QVariant &v) { return parseLinks(v, info->links); });
+    item("olderSoftwareInfo", "olderSoftwareInfo  erorr",
+         [&info](const QVariant &v) { return parseOlderSoftware(v, info->olderSoftwareInfo); });
+
+    auto stringList = [&section](const char *key, QStringList &out) {
+        if (!readStringList(section, QLatin1String(key), out))
+            configError(section.value(QLatin1String(key)));
+    };
+    stringList("removeFiles", info->removeFiles);
+    stringList("removeSettings", info->removeSettings);
+    if (section.contains(QStringLiteral("whiteList"))) {
+        qCDebug(lcCorbeth) << "contains whitelist";
+        stringList("whiteList", info->whiteList);
+    }
+    const auto force = section.constFind(QStringLiteral("forceInstall"));
+    if (force != section.cend()) {
+        if (force->userType() == QMetaType::Bool)
+            info->forceInstall = force->toBool();
+        else
+            configError(*force);
+    }
+    return info;
+}
+
+bool Installer::parseCoverFiles(const QVariant &value, QList<CoverFileInfo> &out)
+{
+    return forEachObject(value, [&out](const QVariantMap &item) {
+        CoverFileInfo cover;
+        if (!readString(item, QStringLiteral("src"), cover.pair.first)
+            || !readString(item, QStringLiteral("dest"), cover.pair.second))
+            return configError(item);
+        if (!parseErrorLevel(item, cover.level))
+            return false;
+        out.append(cover);
+        return true;
+    });
+}
+
+bool Installer::parseDrivers(const QVariant &value, QList<CBEnum::DriverType> &out)
+{
+    if (!isStringList(value))
+        return configError(value);
+    const QStringList words = value.toStringList();
+    for (const QString &word : words) {
+        CBEnum::DriverType type;
+        if (!Configer::strToDriverType(word, type)) {
+            qCWarning(lcCorbeth) << "str to emun error" << word;
+            return false;
+        }
+        out.append(type);
+    }
+    return true;
+}
+
+bool Installer::parseProcess(const QVariant &value, QList<ProcessHelper> &out)
+{
+    return forEachObject(value, [&out](const QVariantMap &item) {
+        ProcessHelper process;
+        if (!readString(item, QStringLiteral("path"), process.program)
+            || !readStringList(item, QStringLiteral("arg"), process.args))
+            return configError(item);
+        bool ok = false;
+        process.waitTime = item.value(QStringLiteral("waitTime")).toInt(&ok);
+        if (!ok)
+            return configError(item);
+        process.runingTimeout = item.value(QStringLiteral("runingTimeout")).toInt(&ok);
+        if (!ok)
+            return configError(item);
+        if (!parseErrorLevel(item, process.level))
+            return false;
+        if (item.contains(QStringLiteral("extraProcess"))) {
+            QStringList words;
+            bool valid = readStringList(item, QStringLiteral("extraProcess"), words);
+            for (const QString &word : qAsConst(words)) {
+                ExtraProcess extra;
+                valid = valid && Configer::strToExtraProcess(word, extra);
+                if (valid)
+                    process.extraProcess.append(extra);
+            }
+            if (!valid) {
+                qCCritical(lcCorbeth) << "extraProcess config fail" << item;
+                return false;
+            }
+        }
+        out.append(process);
+        return true;
+    });
+}
+
+bool Installer::parseErrorLevel(const QVariantMap &item, ErrorLevel &level)
+{
+    const auto it = item.constFind(QStringLiteral("errorLevel"));
+    if (it == item.cend())
+        return true;
+    ErrorLevel parsed;
+    if (it->userType() != QMetaType::QString || !Configer::strToErrorLevel(it->toString(), parsed)) {
+        qCCritical(lcCorbeth) << "error level config fail" << item;
+        return false;
+    }
+    level = parsed;
+    return true;
+}
+
+bool Installer::parseSettings(const QVariant &value, QList<SettingInfo> &out)
+{
+    if (!isMap(value))
+        return configError(value);
+    const QVariantMap settings = value.toMap();
+    for (auto it = settings.cbegin(); it != settings.cend(); ++it) {
+        if (!isMap(it.value()))
+            return configError(it.value());
+        out.append({it.key(), it.value().toMap()});
+    }
+    return true;
+}
+
+bool Installer::parseLinks(const QVariant &value, QList<LinkInfo> &out)
+{
+    return forEachObject(value, [&out](const QVariantMap &item) {
+        LinkInfo link;
+        if (!readString(item, QStringLiteral("src"), link.src) || !readString(item, QStringLiteral("dest"), link.dest))
+            return configError(item);
+        out.append(link);
+        return true;
+    });
+}
+
+bool Installer::parseOlderSoftware(const QVariant &value, OlderSoftwareInfo &out)
+{
+    if (!isMap(value))
+        return configError(value);
+    const QVariantMap older = value.toMap();
+    const QVariantMap locator = older.value(QStringLiteral("getOlderInstallPath")).toMap();
+    OlderSoftwareInfo parsed;
+    if (!readString(locator, QStringLiteral("settingPath"), parsed.settingPath)
+        || !readString(locator, QStringLiteral("key"), parsed.key))
+        return configError(locator);
+    if (parsed.settingPath.isEmpty() || parsed.key.isEmpty()) {
+        qCWarning(lcCorbeth) << "settingPath or empty" << locator;
+        return true;
+    }
+    parsed.olderInstallPath = SKGlobal::instance()->settingValue(parsed.settingPath, parsed.key).toString();
+    if (!readStringList(older, QStringLiteral("removeSettings"), parsed.removeSettings)
+        || !readStringList(older, QStringLiteral("removeFiles"), parsed.removeFiles))
+        return configError(older);
+    if (older.contains(QStringLiteral("process"))
+        && !parseProcess(older.value(QStringLiteral("process")), parsed.process)) {
+        qCWarning(lcCorbeth) << "process error" << older;
+        return false;
+    }
+    qCDebug(lcCorbeth) << "OLD oldInstallPath" << parsed.olderInstallPath;
+    out = parsed;
+    return true;
+}
+
+QString Installer::expandPath(const QString &path) const
+{
+    if (!path.contains(QLatin1String("${")))
+        return path;
+    // Fixed order: a value holding a later placeholder is expanded further, one
+    // holding an earlier placeholder is not.
+    const QPair<QLatin1String, QString> fixed[] = {
+        {QLatin1String("${olderInstallPath}"), olderSoftwarePath()},
+        {QLatin1String("${installPath}"), m_installPath},
+        {QLatin1String("${installPackagePath}"), QFileInfo(m_packagePath).absolutePath()},
+        {QLatin1String("${startMenuPrograms}"), m_startMenuPrograms},
+        {QLatin1String("${desktop}"), m_desktop},
+        {QLatin1String("${TolmInstallerPath}"), QCoreApplication::applicationDirPath()},
+        {QLatin1String("${appDataPath}"), m_appDataPath},
+    };
+    QString expanded = path;
+    for (const auto &variable : fixed)
+        expanded.replace(variable.first, variable.second);
+    for (auto it = m_customTags.cbegin(); it != m_customTags.cend(); ++it)
+        expanded.replace(QLatin1String("${") + it.key() + QLatin1Char('}'), it.value());
+    return expanded;
+}
+
+bool Installer::parseCustomTag(const QList<QVariant> &tags)
+{
+    for (const QVariant &tag : tags) {
+        const QVariantMap map = tag.toMap();
+        const QString name = map.value(QStringLiteral("name")).toString();
+        if (name.isEmpty()) {
+            qCCritical(lcCorbeth) << "not contain name" << Q_FUNC_INFO;
+            return false;
+        }
+        const QVariantMap source = map.value(QStringLiteral("value")).toMap();
+        const QString settingPath = source.value(QStringLiteral("settingPath")).toString();
+        const QString key = source.value(QStringLiteral("key")).toString();
+        QString value;
+        if (!settingPath.isEmpty() && !key.isEmpty())
+            value = SKGlobal::instance()->settingValue(settingPath, key).toString();
+        qCDebug(lcCorbeth) << "customTag" << name << value;
+        m_customTags.insert(name, value);
+    }
+    qCDebug(lcCorbeth) << "custom tag load success";
+    return true;
+}
+
+bool Installer::parseAdditions(const QVariantMap &additions)
+{
+    // Names are only ever added: a name read before is refused, and nothing of
+    // this call is kept then.
+    QMap<QString, InstallInfoSet> all = m_additions;
+    for (auto it = additions.cbegin(); it != additions.cend(); ++it) {
+        if (all.contains(it.key())) {
+            qCCritical(lcCorbeth) << "addition repetition key:" << it.key();
+            return false;
+        }
+        if (!isMap(it.value()))
+            return configError(it.value());
+        all.insert(it.key(), parseInstallInfoSet(it.value().toMap()));
+    }
+    m_additions = all;
+    return true;
+}
+
+InstallInfoSet Installer::mergeInstallInfoSets(const QList<InstallInfoSet> &additions, const InstallInfoSet &base)
+{
+    auto merge = [&additions](InstallInfoPtr InstallInfoSet::*operation, const InstallInfoSet &baseSet) {
+        QList<InstallInfoPtr> parts;
+        for (const InstallInfoSet &addition : additions)
+            parts.append(addition.*operation);
+        return mergeInstallInfos(parts, baseSet.*operation);
+    };
+    return {merge(&InstallInfoSet::install, base), merge(&InstallInfoSet::uninstall, base),
+            merge(&InstallInfoSet::update, base), merge(&InstallInfoSet::updatePatch, base)};
+}
+
+bool Installer::setCurrentAddtions(const QStringList &names)
+{
+    if (names.isEmpty() || names == m_currentAdditions)
+        return true;
+    QList<InstallInfoSet> sets;
+    for (const QString &name : names) {
+        const auto it = m_additions.constFind(name);
+        if (it == m_additions.cend()) {
+            qCCritical(lcCorbeth) << "total additions not contain ::;" << name << "total:" << m_additions.keys();
+            return false;
+        }
+        sets.append(*it);
+    }
+    // Built on the current set, so additions accumulate until the next load.
+    setCurrentSet(mergeInstallInfoSets(sets, currentSet()));
+    m_currentAdditions = names;
+    qCInfo(lcCorbeth) << "set additions success" << names;
+    qCInfo(lcCorbeth) << "install changed" << *m_installInfo;
+    qCInfo(lcCorbeth) << "unisntall changed" << *m_uninstallInfo;
+    qCInfo(lcCorbeth) << "update changed" << *m_updateInfo;
+    qCInfo(lcCorbeth) << "updatepatch changed" << *m_updatePatchInfo;
+    return true;
+}
+
+void Installer::setInstallPath(const QString &path)
+{
+    qCDebug(lcCorbeth) << "set installllllllllllpath" << path;
+    if (path == m_installPath)
+        return;
+    m_installPath = path;
+    emit installPathChanged();
+}
+
+void Installer::setOlderInstallPath(const QString &path)
+{
+    // Before any configuration there is no install description to hold it yet.
+    if (!m_installInfo)
+        m_installInfo = InstallInfoPtr::create();
+    if (path == m_installInfo->olderSoftwareInfo.olderInstallPath)
+        return;
+    qCDebug(lcCorbeth) << "older soft path changed" << path;
+    m_installInfo->olderSoftwareInfo.olderInstallPath = path;
+}
+
+QString Installer::olderSoftwarePath() const
+{
+    return m_installInfo ? m_installInfo->olderSoftwareInfo.olderInstallPath : QString();
+}
 
 } // namespace Corbeth

@@ -83,6 +83,11 @@ struct InstallInfoSet
     InstallInfoPtr updatePatch;
 };
 
+// Entries equal in every field; merging additions adds an entry only once.
+bool operator==(const LinkInfo &a, const LinkInfo &b);
+bool operator==(const ProcessHelper &a, const ProcessHelper &b);
+bool operator==(const CoverFileInfo &a, const CoverFileInfo &b);
+
 QDebug operator<<(QDebug debug, const InstallInfo &info);
 
 } // namespace Corbeth

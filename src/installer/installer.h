@@ -130,6 +130,8 @@ private:
     bool runInstallSteps();
     bool runUninstallSteps();
     void initStandardLocations();
+    InstallInfoSet currentSet() const;
+    void setCurrentSet(const InstallInfoSet &set);
 
     QString m_installPath;
     InstallInfoPtr m_installInfo;
