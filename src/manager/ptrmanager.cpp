@@ -2,6 +2,7 @@
 
 #include "config/configer.h"
 #include "installer/installer.h"
+#include "modules/vindaler.h"
 #include "plugins/pluginhelper.h"
 
 #include <QtCore/QAtomicPointer>
@@ -37,6 +38,8 @@ void PtrManager::destroyInstance()
 PtrManager::PtrManager()
     : QObject(nullptr)
 {
+    // The module service adapter first: it starts its own thread.
+    m_vindaler.reset(new Vindaler);
     m_configer.reset(new Configer);
     m_installer.reset(new Installer);
     m_pluginHelper.reset(new PluginHelper);
@@ -47,6 +50,7 @@ PtrManager::~PtrManager()
 {
     m_pluginHelper.reset();
     m_installer.reset();
+    m_vindaler.reset();
     m_configer.reset();
 }
 

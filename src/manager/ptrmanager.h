@@ -9,6 +9,7 @@ namespace Corbeth {
 class Configer;
 class Installer;
 class PluginHelper;
+class Vindaler;
 
 // The process-wide owner of the engine's workers. The workers are shared with
 // the manager's private implementation, which destroys this owner when it is
@@ -22,6 +23,7 @@ public:
     static void destroyInstance();
 
     QSharedPointer<Configer> configer() const { return m_configer; }
+    QSharedPointer<Vindaler> vindaler() const { return m_vindaler; }
     QSharedPointer<Installer> installer() const { return m_installer; }
     QSharedPointer<PluginHelper> pluginHelper() const { return m_pluginHelper; }
 
@@ -30,6 +32,7 @@ private:
     ~PtrManager() override;
 
     QSharedPointer<Configer> m_configer;
+    QSharedPointer<Vindaler> m_vindaler;
     QSharedPointer<Installer> m_installer;
     QSharedPointer<PluginHelper> m_pluginHelper;
 };
