@@ -1,32 +1,65 @@
+#include <vindal/filedigest.h>
 #include <vindal/package.h>
+
+#include "archivecreator_p.h"
+#include "archiveextractor_p.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QSaveFile>
 
 namespace Vindal {
 
 namespace {
-Outcome notYet()
+
+QString verifyFileOf(const QString &packageFile)
 {
-    return Outcome::failure(Error::ConfigError, QStringLiteral("not implemented yet"));
+    return packageFile + QLatin1String(".verify");
 }
+
 } // namespace
 
-Outcome Package::create(const QString &, const QString &, Format, const ProgressCallback &)
+Outcome Package::create(const QString &folder, const QString &packageFile, Format format, const ProgressCallback &progress)
 {
-    return notYet();
+    return ArchiveCreator(folder, packageFile, format).run(progress);
 }
 
-Outcome Package::writeVerifyFile(const QString &)
+Outcome Package::writeVerifyFile(const QString &packageFile)
 {
-    return notYet();
+    const QString md5 = FileDigest::md5Of(packageFile);
+    if (md5.isEmpty())
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
+    const QString path = verifyFileOf(packageFile);
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(md5.toLatin1()) != md5.size() || !file.commit())
+        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(path, file.errorString()), path);
+    return Outcome::success(md5);
 }
 
-Outcome Package::verify(const QString &)
+Outcome Package::verify(const QString &packageFile)
 {
-    return notYet();
+    const QString path = verifyFileOf(packageFile);
+    QFile companion(path);
+    if (!companion.open(QIODevice::ReadOnly))
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\": %2").arg(path, companion.errorString()), path);
+    // The companion holds exactly the digest; anything longer cannot match.
+    const QByteArray expected = companion.read(64);
+    const QString actual = FileDigest::md5Of(packageFile);
+    if (actual.isEmpty())
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
+    if (expected != actual.toLatin1()) {
+        return Outcome::failure(Error::ChecksumMismatch,
+                                QStringLiteral("MD5 of \"%1\" is %2, \"%3\" says \"%4\"")
+                                    .arg(packageFile, actual, path, QString::fromLatin1(expected.left(40))),
+                                packageFile);
+    }
+    return Outcome::success(actual);
 }
 
-Outcome Package::extract(const QString &, const QString &, const ProgressCallback &, const ExtractLimits &)
+Outcome Package::extract(const QString &packageFile, const QString &targetFolder, const ProgressCallback &progress,
+                         const ExtractLimits &limits)
 {
-    return notYet();
+    return ArchiveExtractor(packageFile, targetFolder, limits).run(progress);
 }
 
 QString Package::formatName(Format format)

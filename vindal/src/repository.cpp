@@ -1,40 +1,249 @@
+#include <vindal/filedigest.h>
 #include <vindal/repository.h>
 
+#include "packageindex_p.h"
+#include "repositorylayout_p.h"
+#include "signature_p.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QRegularExpression>
+#include <QtCore/QSaveFile>
 
 namespace Vindal {
 
 namespace {
-Outcome notYet()
+
+Outcome readFile(const QString &path, qint64 limit, QByteArray *bytes)
 {
-    return Outcome::failure(Error::ConfigError, QStringLiteral("not implemented yet"));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\": %2").arg(path, file.errorString()), path);
+    if (file.size() > limit)
+        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is larger than %2 bytes").arg(path).arg(limit), path);
+    *bytes = file.readAll();
+    return Outcome::success();
 }
+
+Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly = false)
+{
+    QSaveFile file(path);
+    bool ok = file.open(QIODevice::WriteOnly);
+    if (ok && ownerOnly)
+        ok = file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    if (!ok || file.write(bytes) != bytes.size() || !file.commit())
+        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(path, file.errorString()), path);
+    return Outcome::success();
+}
+
+// Copies through a temporary file in the destination folder, so a server
+// never hands out half a package under its final name.
+Outcome copyFile(const QString &from, const QString &to)
+{
+    if (QFileInfo(from).canonicalFilePath() == QFileInfo(to).canonicalFilePath())
+        return Outcome::success();
+    QFile in(from);
+    if (!in.open(QIODevice::ReadOnly))
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\": %2").arg(from, in.errorString()), from);
+    QSaveFile out(to);
+    if (!out.open(QIODevice::WriteOnly))
+        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(to, out.errorString()), to);
+    QByteArray buffer(1 << 20, Qt::Uninitialized);
+    for (;;) {
+        const qint64 n = in.read(buffer.data(), buffer.size());
+        if (n < 0)
+            return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\": %2").arg(from, in.errorString()), from);
+        if (n == 0)
+            break;
+        if (out.write(buffer.constData(), n) != n)
+            return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(to, out.errorString()), to);
+    }
+    if (!out.commit())
+        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(to, out.errorString()), to);
+    return Outcome::success();
+}
+
+Outcome loadIndex(const QString &path, PackageIndex *index)
+{
+    if (!QFileInfo::exists(path))
+        return Outcome::success();
+    QByteArray bytes;
+    const Outcome read = readFile(path, RepositoryLayout::MaxIndexBytes, &bytes);
+    if (!read)
+        return read;
+    QString error;
+    if (!index->parse(bytes, &error))
+        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is not a valid index: %2").arg(path, error), path);
+    return Outcome::success();
+}
+
+Outcome readSecretKey(const QString &path, QByteArray *key)
+{
+    QByteArray text;
+    const Outcome read = readFile(path, 1024, &text);
+    if (!read)
+        return read;
+    *key = Signature::decodeSecretKey(text);
+    if (key->isEmpty())
+        return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not an Ed25519 secret key").arg(path), path);
+    return Outcome::success();
+}
+
+Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const QString &repoFolder,
+                     const QString &name, const QString &version, const QString &secretKeyFile)
+{
+    if (kind == PackageIndex::Module ? !Repository::isValidModuleName(name) : name.trimmed().isEmpty())
+        return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid name").arg(name), name);
+    if (!PackageIndex::isValidVersion(version))
+        return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid version").arg(version), version);
+    const QString fileName = QFileInfo(packageFile).fileName();
+    if (!PackageIndex::isPlainFileName(fileName)) {
+        return Outcome::failure(Error::ConfigError,
+                                QStringLiteral("the package's file name \"%1\" must consist of letters, digits, \".\", \"_\", \"+\" and \"-\"")
+                                    .arg(fileName),
+                                packageFile);
+    }
+    QByteArray secretKey;
+    if (!secretKeyFile.isEmpty()) {
+        const Outcome key = readSecretKey(secretKeyFile, &secretKey);
+        if (!key)
+            return key;
+    }
+    const FileDigest digest = FileDigest::ofFile(packageFile);
+    if (!digest.isValid())
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
+
+    const QDir repo(repoFolder);
+    const QString module = kind == PackageIndex::Module ? name : QString();
+    const QString folder = repo.filePath(RepositoryLayout::folder(kind, module));
+    const QString indexPath = repo.filePath(RepositoryLayout::index(kind, module));
+    if (!QDir().mkpath(folder))
+        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot create \"%1\"").arg(folder), folder);
+
+    PackageIndex index(kind);
+    const Outcome loaded = loadIndex(indexPath, &index);
+    if (!loaded)
+        return loaded;
+    IndexEntry entry;
+    entry.version = version;
+    entry.modelCode = kind == PackageIndex::Upgrades ? name : QString();
+    entry.file = fileName;
+    entry.size = digest.size;
+    entry.md5 = digest.md5;
+    entry.sha256 = digest.sha256;
+    for (const IndexEntry &other : index.entries()) {
+        const bool same = PackageIndex::compareVersions(other.version, version) == 0 && other.modelCode == entry.modelCode;
+        if (!same && other.file == fileName && other.sha256 != digest.sha256) {
+            return Outcome::failure(Error::ConfigError,
+                                    QStringLiteral("\"%1\" already holds version %2; give this package another file name")
+                                        .arg(fileName, other.version),
+                                    fileName);
+        }
+    }
+    const Outcome copied = copyFile(packageFile, QDir(folder).filePath(fileName));
+    if (!copied)
+        return copied;
+    if (kind == PackageIndex::Module)
+        index.setModule(name);
+    index.upsert(entry);
+    const QByteArray json = index.toJson();
+    const Outcome written = writeFile(indexPath, json);
+    if (!written)
+        return written;
+    const QString signaturePath = repo.filePath(RepositoryLayout::signature(kind, module));
+    if (secretKey.isEmpty()) {
+        // An old signature would no longer match and make signed clients
+        // refuse the repository.
+        QFile::remove(signaturePath);
+        return Outcome::success(QStringLiteral("published %1 %2 (unsigned)").arg(name, version));
+    }
+    const Outcome signedOk = writeFile(signaturePath, Signature::sign(json, secretKey));
+    if (!signedOk)
+        return signedOk;
+    return Outcome::success(QStringLiteral("published %1 %2 (signed)").arg(name, version));
+}
+
 } // namespace
 
-Outcome Repository::publish(const QString &, const QString &, const QString &, const QString &, const QString &)
+Outcome Repository::publish(const QString &packageFile, const QString &repoFolder, const QString &module,
+                            const QString &version, const QString &secretKeyFile)
 {
-    return notYet();
+    return publishEntry(PackageIndex::Module, packageFile, repoFolder, module, version, secretKeyFile);
 }
 
-Outcome Repository::publishUpgrade(const QString &, const QString &, const QString &, const QString &, const QString &)
+Outcome Repository::publishUpgrade(const QString &packageFile, const QString &repoFolder, const QString &modelCode,
+                                   const QString &softVersion, const QString &secretKeyFile)
 {
-    return notYet();
+    return publishEntry(PackageIndex::Upgrades, packageFile, repoFolder, modelCode, softVersion, secretKeyFile);
 }
 
-Outcome Repository::verifyPackage(const QString &, const QString &, const QString &, const QString &, const QString &)
+Outcome Repository::verifyPackage(const QString &packageFile, const QString &repoFolder, const QString &module,
+                                  const QString &version, const QString &publicKey)
 {
-    return notYet();
+    if (!isValidModuleName(module))
+        return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid module name").arg(module), module);
+    const QDir repo(repoFolder);
+    const QString indexPath = repo.filePath(RepositoryLayout::index(PackageIndex::Module, module));
+    QByteArray bytes;
+    const Outcome read = readFile(indexPath, RepositoryLayout::MaxIndexBytes, &bytes);
+    if (!read)
+        return read;
+    if (!publicKey.isEmpty()) {
+        const QByteArray key = Signature::decodePublicKey(publicKey);
+        if (key.isEmpty())
+            return Outcome::failure(Error::ConfigError, QStringLiteral("the public key is not a base64 Ed25519 key"));
+        QByteArray signature;
+        const QString signaturePath = repo.filePath(RepositoryLayout::signature(PackageIndex::Module, module));
+        if (!readFile(signaturePath, RepositoryLayout::MaxSignatureBytes, &signature) || !Signature::verify(bytes, signature, key))
+            return Outcome::failure(Error::SignatureInvalid, QStringLiteral("the index of %1 is unsigned or wrongly signed").arg(module),
+                                    indexPath);
+    }
+    PackageIndex index;
+    QString error;
+    if (!index.parse(bytes, &error))
+        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is not a valid index: %2").arg(indexPath, error), indexPath);
+    const IndexEntry *entry = version.isEmpty() ? index.newest() : index.find(version);
+    if (!entry)
+        return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version %2").arg(module, version.isEmpty() ? QStringLiteral("at all") : version));
+    const FileDigest digest = FileDigest::ofFile(packageFile);
+    if (!digest.isValid())
+        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
+    if (digest.size != entry->size || digest.md5 != entry->md5 || digest.sha256 != entry->sha256) {
+        return Outcome::failure(Error::ChecksumMismatch,
+                                QStringLiteral("\"%1\" (%2 bytes, SHA-256 %3) is not %4 %5 (%6 bytes, SHA-256 %7)")
+                                    .arg(packageFile).arg(digest.size).arg(digest.sha256, module, entry->version)
+                                    .arg(entry->size).arg(entry->sha256),
+                                packageFile);
+    }
+    return Outcome::success(QStringLiteral("%1 is %2 %3").arg(packageFile, module, entry->version));
 }
 
-Outcome Repository::keygen(const QString &)
+Outcome Repository::keygen(const QString &name)
 {
-    return notYet();
+    const QString secretPath = name + QLatin1String(".key");
+    const QString publicPath = name + QLatin1String(".pub");
+    for (const QString &path : {secretPath, publicPath}) {
+        if (QFileInfo::exists(path))
+            return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" exists; keys are never overwritten").arg(path), path);
+    }
+    QByteArray publicKey;
+    QByteArray secretKey;
+    if (!Signature::generateKeyPair(&publicKey, &secretKey))
+        return Outcome::failure(Error::ConfigError, QStringLiteral("no key pair could be generated"));
+    const Outcome secret = writeFile(secretPath, secretKey.toBase64() + '\n', true);
+    if (!secret)
+        return secret;
+    const Outcome pub = writeFile(publicPath, publicKey.toBase64() + '\n');
+    if (!pub)
+        return pub;
+    return Outcome{Error::NoError, QStringLiteral("wrote %1 and %2").arg(secretPath, publicPath), QString::fromLatin1(publicKey.toBase64())};
 }
 
 bool Repository::isValidModuleName(const QString &name)
 {
-    static const QRegularExpression plain(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9._-]*$"));
-    return name.size() <= 128 && plain.match(name).hasMatch();
+    static const QRegularExpression plain(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9._-]{0,127}$"));
+    return plain.match(name).hasMatch();
 }
 
 } // namespace Vindal

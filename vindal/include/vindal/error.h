@@ -27,6 +27,7 @@ enum ErrorCode : int {
     NoUpgrade = 0x507200B,          // nothing newer to upgrade to
     NoReply = 0x507200C,            // no reply object was produced
     DowngradeRefused = 0x507200D,   // older than a version installed before, and not pinned
+    InvalidIndex = 0x507200E,       // an index or upgrades document is malformed
 };
 Q_ENUM_NS(ErrorCode)
 

@@ -19,6 +19,8 @@ struct VINDAL_EXPORT FileDigest
     // Reads the file once in fixed-size pieces; an invalid record (size -1)
     // when it cannot be read.
     static FileDigest ofFile(const QString &path);
+    // The MD5 alone, empty when the file cannot be read.
+    static QString md5Of(const QString &path);
 };
 
 } // namespace Vindal

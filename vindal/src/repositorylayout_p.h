@@ -1,0 +1,37 @@
+#ifndef VINDAL_REPOSITORYLAYOUT_P_H
+#define VINDAL_REPOSITORYLAYOUT_P_H
+
+#include "packageindex_p.h"
+
+#include <QtCore/QString>
+
+namespace Vindal {
+
+// Where things lie in a repository, relative to its base: the publisher and
+// the client must agree on exactly these paths.
+namespace RepositoryLayout {
+
+inline QString folder(PackageIndex::Kind kind, const QString &module)
+{
+    return kind == PackageIndex::Module ? QLatin1String("modules/") + module : QStringLiteral("upgrades");
+}
+
+inline QString index(PackageIndex::Kind kind, const QString &module)
+{
+    return folder(kind, module) + QLatin1String("/index.json");
+}
+
+inline QString signature(PackageIndex::Kind kind, const QString &module)
+{
+    return index(kind, module) + QLatin1String(".sig");
+}
+
+// Documents larger than this are not indexes; the client never reads more.
+const qint64 MaxIndexBytes = 8 * 1024 * 1024;
+const qint64 MaxSignatureBytes = 1024;
+
+} // namespace RepositoryLayout
+
+} // namespace Vindal
+
+#endif // VINDAL_REPOSITORYLAYOUT_P_H
