@@ -1,0 +1,409 @@
+// corbeth-pack: makes, publishes, checks, unpacks and fetches packages through
+// the module service library's own code, so that what a product owner tests by
+// hand is exactly what the engine does.
+//
+// Exit codes: 0 success, 1 the operation failed, 2 the command line is wrong.
+#include "progressprinter.h"
+
+#include <vindal/manager.h>
+#include <vindal/package.h>
+#include <vindal/repository.h>
+
+#include <QtCore/QCommandLineParser>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QEventLoop>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QMetaEnum>
+#include <QtCore/QUrl>
+
+#include <cstdio>
+
+namespace {
+
+enum ExitCode { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2 };
+
+const char *const kUsage =
+    "Usage: corbeth-pack <command> [options]\n"
+    "\n"
+    "Commands:\n"
+    "  create <folder> -o <package> [--format zstd|zip|gzip|tar]\n"
+    "  publish <package> --repo <folder> --module <name> --version <v> [--key <secret-key-file>]\n"
+    "  publish <package> --repo <folder> --model-code <code> --version <v> [--key <secret-key-file>]\n"
+    "  keygen <name>\n"
+    "  verify <package> [--repo <folder> --module <name> [--version <v>] [--public-key <key>]]\n"
+    "  extract <package> -C <folder>\n"
+    "  fetch --server <url> --module <name> [--version <v>] -o <folder> [--mirror <url>]... [--public-key <key>]\n"
+    "\n"
+    "Run 'corbeth-pack <command> --help' for the options of one command.\n";
+
+void printLine(std::FILE *stream, const QString &text)
+{
+    std::fprintf(stream, "%s\n", text.toLocal8Bit().constData());
+    std::fflush(stream);
+}
+
+QString codeName(int code)
+{
+    const char *key = QMetaEnum::fromType<Vindal::Error::ErrorCode>().valueToKey(code);
+    return key ? QLatin1String(key) : QString::number(code, 16).prepend(QLatin1String("0x"));
+}
+
+int fail(const QString &command, const QString &message)
+{
+    printLine(stderr, QStringLiteral("corbeth-pack %1: %2").arg(command, message));
+    return ExitFailure;
+}
+
+int fail(const QString &command, const Vindal::Outcome &outcome)
+{
+    QString message = outcome.message;
+    if (!outcome.subject.isEmpty() && !message.contains(outcome.subject))
+        message += QStringLiteral(" (%1)").arg(outcome.subject);
+    return fail(command, QStringLiteral("%1 [%2]").arg(message, codeName(outcome.code)));
+}
+
+// The command line of one command: its own parser, with --help.
+class CommandLine
+{
+public:
+    CommandLine(const QString &command, const QString &synopsis)
+        : m_command(command)
+    {
+        m_parser.setApplicationDescription(QStringLiteral("corbeth-pack %1 %2").arg(command, synopsis));
+        m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+        m_parser.addHelpOption();
+    }
+
+    void addValue(const QStringList &names, const QString &description, const QString &valueName)
+    {
+        m_parser.addOption(QCommandLineOption(names, description, valueName));
+    }
+
+    // Parses; false with the exit code in *exitCode when the command must end
+    // here (an error, or --help).
+    bool parse(const QStringList &arguments, int positionals, int *exitCode)
+    {
+        if (!m_parser.parse(arguments)) {
+            *exitCode = usage(m_parser.errorText());
+            return false;
+        }
+        if (m_parser.isSet(QStringLiteral("help"))) {
+            printLine(stdout, m_parser.helpText());
+            *exitCode = ExitSuccess;
+            return false;
+        }
+        if (m_parser.positionalArguments().size() != positionals) {
+            *exitCode = usage(positionals ? QStringLiteral("expects %1 argument(s)").arg(positionals)
+                                          : QStringLiteral("takes no arguments"));
+            return false;
+        }
+        return true;
+    }
+
+    QString value(const QString &name) const { return m_parser.value(name); }
+    QStringList values(const QString &name) const { return m_parser.values(name); }
+    bool isSet(const QString &name) const { return m_parser.isSet(name); }
+    QString positional(int i) const { return m_parser.positionalArguments().value(i); }
+
+    // Every named option must be given; reports the first that is missing.
+    bool require(const QStringList &names, int *exitCode) const
+    {
+        for (const QString &name : names) {
+            if (m_parser.value(name).isEmpty()) {
+                *exitCode = usage(QStringLiteral("missing %1%2").arg(QLatin1String(name.size() == 1 ? "-" : "--"), name));
+                return false;
+            }
+        }
+        return true;
+    }
+
+    int usage(const QString &message) const
+    {
+        printLine(stderr, QStringLiteral("corbeth-pack %1: %2 (see 'corbeth-pack %1 --help')").arg(m_command, message));
+        return ExitUsage;
+    }
+
+private:
+    QString m_command;
+    QCommandLineParser m_parser;
+};
+
+// A key given either as the base64 text itself or as the path of a ".pub" file.
+QString readPublicKey(const QString &value)
+{
+    QFile file(value);
+    if (!value.isEmpty() && file.open(QIODevice::ReadOnly))
+        return QString::fromLatin1(file.readAll()).trimmed();
+    return value;
+}
+
+int create(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("create");
+    CommandLine cl(command, QStringLiteral("<folder> -o <package>: packs a folder and writes its \".verify\" companion"));
+    cl.addValue({QStringLiteral("o"), QStringLiteral("output")}, QStringLiteral("The package file to write."),
+                QStringLiteral("package"));
+    cl.addValue({QStringLiteral("format")}, QStringLiteral("zstd (tar+zstd, the default), zip, gzip or tar."),
+                QStringLiteral("format"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("o")}, &code))
+        return code;
+
+    Vindal::Package::Format format = Vindal::Package::TarZstd;
+    if (cl.isSet(QStringLiteral("format")) && !Vindal::Package::formatFromName(cl.value(QStringLiteral("format")), &format))
+        return cl.usage(QStringLiteral("unknown format \"%1\"").arg(cl.value(QStringLiteral("format"))));
+    const QString folder = cl.positional(0);
+    if (!QFileInfo(folder).isDir())
+        return fail(command, QStringLiteral("not a folder: %1").arg(folder));
+
+    const QString package = cl.value(QStringLiteral("o"));
+    ProgressPrinter progress(QFileInfo(package).fileName());
+    Vindal::Outcome outcome = Vindal::Package::create(folder, package, format, progress.callback());
+    progress.finish();
+    if (outcome)
+        outcome = Vindal::Package::writeVerifyFile(package);
+    if (!outcome)
+        return fail(command, outcome);
+    printLine(stdout, QStringLiteral("created %1 (%2)").arg(package, ProgressPrinter::formatBytes(QFileInfo(package).size())));
+    return ExitSuccess;
+}
+
+int publish(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("publish");
+    CommandLine cl(command, QStringLiteral("<package>: adds a package to a repository folder and updates its index"));
+    cl.addValue({QStringLiteral("repo")}, QStringLiteral("The repository folder."), QStringLiteral("folder"));
+    cl.addValue({QStringLiteral("module")}, QStringLiteral("The module the package belongs to."), QStringLiteral("name"));
+    cl.addValue({QStringLiteral("model-code")},
+                QStringLiteral("Publish an installer upgrade for this model code instead of a module."),
+                QStringLiteral("code"));
+    cl.addValue({QStringLiteral("version")}, QStringLiteral("The package's version."), QStringLiteral("v"));
+    cl.addValue({QStringLiteral("key")}, QStringLiteral("Sign the index with this secret key file."),
+                QStringLiteral("secret-key-file"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("repo"), QStringLiteral("version")}, &code))
+        return code;
+    const bool upgrade = cl.isSet(QStringLiteral("model-code"));
+    if (upgrade == cl.isSet(QStringLiteral("module")))
+        return cl.usage(QStringLiteral("give exactly one of --module and --model-code"));
+
+    const QString package = cl.positional(0);
+    const QString repo = cl.value(QStringLiteral("repo"));
+    const QString version = cl.value(QStringLiteral("version"));
+    const QString key = cl.value(QStringLiteral("key"));
+    const QString name = upgrade ? cl.value(QStringLiteral("model-code")) : cl.value(QStringLiteral("module"));
+    const Vindal::Outcome outcome = upgrade ? Vindal::Repository::publishUpgrade(package, repo, name, version, key)
+                                            : Vindal::Repository::publish(package, repo, name, version, key);
+    if (!outcome)
+        return fail(command, outcome);
+    printLine(stdout, QStringLiteral("published %1 as %2 %3%4")
+                          .arg(QFileInfo(package).fileName(), name, version,
+                               key.isEmpty() ? QString() : QStringLiteral(" (signed)")));
+    return ExitSuccess;
+}
+
+int keygen(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("keygen");
+    CommandLine cl(command, QStringLiteral("<name>: writes <name>.key (secret) and <name>.pub (public)"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 1, &code))
+        return code;
+    const QString name = cl.positional(0);
+    const Vindal::Outcome outcome = Vindal::Repository::keygen(name);
+    if (!outcome)
+        return fail(command, outcome);
+    printLine(stdout, QStringLiteral("wrote %1.key and %1.pub; public key: %2").arg(name, outcome.subject));
+    return ExitSuccess;
+}
+
+int verify(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("verify");
+    CommandLine cl(command,
+                   QStringLiteral("<package>: checks a package against its \".verify\" companion and, with --repo and "
+                                  "--module, against the module's index"));
+    cl.addValue({QStringLiteral("repo")}, QStringLiteral("The repository folder."), QStringLiteral("folder"));
+    cl.addValue({QStringLiteral("module")}, QStringLiteral("The module in the repository."), QStringLiteral("name"));
+    cl.addValue({QStringLiteral("version")}, QStringLiteral("The version to check against (default: the newest)."),
+                QStringLiteral("v"));
+    cl.addValue({QStringLiteral("public-key")},
+                QStringLiteral("Check the index signature with this key (base64 text or a .pub file)."),
+                QStringLiteral("key"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 1, &code))
+        return code;
+    const QString package = cl.positional(0);
+    const bool againstRepo = cl.isSet(QStringLiteral("repo")) || cl.isSet(QStringLiteral("module"));
+    if (againstRepo && !cl.require({QStringLiteral("repo"), QStringLiteral("module")}, &code))
+        return code;
+    if (!QFileInfo(package).isFile())
+        return fail(command, QStringLiteral("no such package: %1").arg(package));
+
+    // A package fetched from a repository has no companion; the index is its check.
+    const bool companion = QFileInfo::exists(package + QLatin1String(".verify"));
+    if (companion || !againstRepo) {
+        const Vindal::Outcome outcome = Vindal::Package::verify(package);
+        if (!outcome)
+            return fail(command, outcome);
+    }
+    if (againstRepo) {
+        const Vindal::Outcome outcome = Vindal::Repository::verifyPackage(
+            package, cl.value(QStringLiteral("repo")), cl.value(QStringLiteral("module")),
+            cl.value(QStringLiteral("version")), readPublicKey(cl.value(QStringLiteral("public-key"))));
+        if (!outcome)
+            return fail(command, outcome);
+    }
+    printLine(stdout, QStringLiteral("%1: OK").arg(package));
+    return ExitSuccess;
+}
+
+int extract(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("extract");
+    CommandLine cl(command, QStringLiteral("<package> -C <folder>: unpacks a package safely into a folder"));
+    cl.addValue({QStringLiteral("C"), QStringLiteral("directory")}, QStringLiteral("The folder to unpack into."),
+                QStringLiteral("folder"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("C")}, &code))
+        return code;
+    const QString package = cl.positional(0);
+    const QString target = cl.value(QStringLiteral("C"));
+    ProgressPrinter progress(QFileInfo(package).fileName());
+    const Vindal::Outcome outcome = Vindal::Package::extract(package, target, progress.callback());
+    progress.finish();
+    if (!outcome)
+        return fail(command, outcome);
+    printLine(stdout, QStringLiteral("extracted %1 into %2").arg(package, target));
+    return ExitSuccess;
+}
+
+// Waits for a reply on this thread; the map it finished with.
+QVariantMap waitFor(Vindal::Reply *reply)
+{
+    QVariantMap answer;
+    QEventLoop loop;
+    QObject::connect(reply, &Vindal::Reply::finished, &loop, [&](const QVariantMap &map) {
+        answer = map;
+        loop.quit();
+    });
+    if (reply->isFinished())
+        answer = {{QStringLiteral("errorCode"), int(reply->status())}};
+    else
+        loop.exec();
+    reply->deleteLater();
+    return answer;
+}
+
+int replyFailure(const QString &command, const QVariantMap &answer)
+{
+    const int error = answer.value(QStringLiteral("errorCode")).toInt();
+    return fail(command,
+                QStringLiteral("%1 [%2]").arg(answer.value(QStringLiteral("errorMessage")).toString(), codeName(error)));
+}
+
+int fetch(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("fetch");
+    CommandLine cl(command,
+                   QStringLiteral("--server <url> --module <name> -o <folder>: downloads a module's package as the "
+                                  "engine does (resumed, checked)"));
+    cl.addValue({QStringLiteral("server")}, QStringLiteral("The repository's base URL (http, https or file)."),
+                QStringLiteral("url"));
+    cl.addValue({QStringLiteral("mirror")}, QStringLiteral("A mirror tried when the server fails (repeatable)."),
+                QStringLiteral("url"));
+    cl.addValue({QStringLiteral("module")}, QStringLiteral("The module to fetch."), QStringLiteral("name"));
+    cl.addValue({QStringLiteral("version")}, QStringLiteral("Pin this version (default: the newest)."),
+                QStringLiteral("v"));
+    cl.addValue({QStringLiteral("o"), QStringLiteral("output")}, QStringLiteral("The folder to download into."),
+                QStringLiteral("folder"));
+    cl.addValue({QStringLiteral("public-key")},
+                QStringLiteral("Refuse indexes not signed with this key (base64 text or a .pub file)."),
+                QStringLiteral("key"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 0, &code)
+        || !cl.require({QStringLiteral("server"), QStringLiteral("module"), QStringLiteral("o")}, &code))
+        return code;
+
+    const QString folder = QDir(cl.value(QStringLiteral("o"))).absolutePath();
+    if (!QDir().mkpath(folder))
+        return fail(command, QStringLiteral("cannot create the folder %1").arg(folder));
+    const QString module = cl.value(QStringLiteral("module"));
+    const QString version = cl.value(QStringLiteral("version"));
+
+    // The same configuration the engine hands over: the remote section with
+    // the module to fetch and the download folder.
+    QVariantMap moduleInfo{{QStringLiteral("name"), module}};
+    if (!version.isEmpty())
+        moduleInfo.insert(QStringLiteral("version"), version);
+    QVariantMap config{
+        {QStringLiteral("server"), cl.value(QStringLiteral("server"))},
+        {QStringLiteral("moduleInfo"), moduleInfo},
+        {QStringLiteral("startDownload"), QVariantMap{{QStringLiteral("temporaryStoragePath"), folder}}},
+    };
+    if (cl.isSet(QStringLiteral("mirror")))
+        config.insert(QStringLiteral("mirrors"), cl.values(QStringLiteral("mirror")));
+    if (cl.isSet(QStringLiteral("public-key")))
+        config.insert(QStringLiteral("publicKey"), readPublicKey(cl.value(QStringLiteral("public-key"))));
+
+    Vindal::Manager manager;
+    QVariantMap answer = waitFor(manager.setConfigData(config));
+    if (answer.value(QStringLiteral("errorCode")).toInt() != 0)
+        return replyFailure(command, answer);
+
+    Vindal::VDBasicInfo info;
+    info.version = version;
+    Vindal::Reply *reply = manager.downloadOfflineModule(module, info);
+    ProgressPrinter progress(module);
+    QObject::connect(reply, &Vindal::Reply::downloadProgress, reply,
+                     [&progress](qint64 received, qint64 total) { progress.update(received, total); });
+    answer = waitFor(reply);
+    progress.finish();
+    if (answer.value(QStringLiteral("errorCode")).toInt() != 0)
+        return replyFailure(command, answer);
+
+    const QVariantMap result = answer.value(QStringLiteral("result")).toMap();
+    printLine(stdout, QStringLiteral("fetched %1 %2 to %3 (md5 %4)")
+                          .arg(module, result.value(QStringLiteral("version")).toString(),
+                               result.value(QStringLiteral("path")).toString(),
+                               result.value(QStringLiteral("md5Value")).toString()));
+    return ExitSuccess;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("corbeth-pack"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(CORBETH_PACK_VERSION));
+
+    QStringList arguments = QCoreApplication::arguments();
+    const QString command = arguments.value(1);
+    if (command.isEmpty() || command == QLatin1String("--help") || command == QLatin1String("-h")
+        || command == QLatin1String("help")) {
+        std::fputs(kUsage, command.isEmpty() ? stderr : stdout);
+        return command.isEmpty() ? ExitUsage : ExitSuccess;
+    }
+    if (command == QLatin1String("--version")) {
+        printLine(stdout, QStringLiteral("corbeth-pack %1").arg(QCoreApplication::applicationVersion()));
+        return ExitSuccess;
+    }
+    // Each command parses the rest of the line as if it were the program.
+    arguments.removeAt(1);
+
+    using Command = int (*)(const QStringList &);
+    const QList<QPair<QLatin1String, Command>> commands{
+        {QLatin1String("create"), create},   {QLatin1String("publish"), publish}, {QLatin1String("keygen"), keygen},
+        {QLatin1String("verify"), verify},   {QLatin1String("extract"), extract}, {QLatin1String("fetch"), fetch},
+    };
+    for (const auto &entry : commands) {
+        if (command == entry.first)
+            return entry.second(arguments);
+    }
+    printLine(stderr, QStringLiteral("corbeth-pack: unknown command \"%1\"").arg(command));
+    std::fputs(kUsage, stderr);
+    return ExitUsage;
+}
