@@ -1,18 +1,116 @@
 #include "manager_p.h"
-#include "reply_p.h"
 
+#include <vindal/package.h>
+#include <vindal/repository.h>
+
+#include "logging_p.h"
+#include "reply_p.h"
+#include "transfer_p.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtCore/QMutexLocker>
+#include <QtNetwork/QNetworkAccessManager>
+#include <QtNetwork/QNetworkProxyFactory>
 
 namespace Vindal {
 
 namespace {
-Reply *notYet(Manager *manager)
+
+// The operating system's proxy settings, asked per request, for this
+// manager alone (the process-wide setting stays untouched).
+class SystemProxyFactory : public QNetworkProxyFactory
 {
+public:
+    QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery &query) override { return systemProxyForQuery(query); }
+};
+
+} // namespace
+
+ManagerPrivate::ManagerPrivate(Manager *q)
+    : q(q)
+    , m_requests(new QObject(q))
+{
+    m_unpackPool.setMaxThreadCount(2);
+}
+
+QNetworkAccessManager *ManagerPrivate::network()
+{
+    if (!m_network) {
+        m_network = new QNetworkAccessManager(q);
+        applyNetworkSettings();
+    }
+    return m_network;
+}
+
+void ManagerPrivate::applyNetworkSettings()
+{
+    if (!m_network)
+        return;
+    switch (m_config.proxyMode) {
+    case RepositoryConfig::SystemProxy:
+        m_network->setProxyFactory(new SystemProxyFactory);
+        break;
+    case RepositoryConfig::NoProxy:
+        m_network->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+        break;
+    case RepositoryConfig::FixedProxy:
+        m_network->setProxy(m_config.proxy);
+        break;
+    }
+}
+
+Reply *ManagerPrivate::refuse(Error::ErrorCode code, const QString &message)
+{
+    qCWarning(lcVindal) << "request refused:" << message;
     auto *reply = new Reply;
-    ReplyPrivate::channel(reply)->finishLater(manager, Error::ConfigError, QStringLiteral("not implemented yet"));
+    ReplyPrivate::channel(reply)->finishLater(q, code, message);
     return reply;
 }
-} // namespace
+
+Reply *ManagerPrivate::request(RepositoryRequest::Mode mode, const RepositoryRequest::Target &target)
+{
+    auto *reply = new Reply;
+    auto *request = new RepositoryRequest(mode, network(), m_config, target, ReplyPrivate::channel(reply),
+                                          [this](const QVariantMap &info) {
+                                              QMutexLocker lock(&m_mutex);
+                                              m_packageInfo = info;
+                                          },
+                                          m_requests);
+    // Started from the event loop, so that the caller connects first.
+    QMetaObject::invokeMethod(request, [request] { request->start(); }, Qt::QueuedConnection);
+    return reply;
+}
+
+Reply *ManagerPrivate::fetchModule(const QString &module, const VDBasicInfo &info, bool writeVerifyFile)
+{
+    if (!m_configured)
+        return refuse(Error::ConfigError, QStringLiteral("no configuration: setConfigData() or setConfigPath() comes first"));
+    RepositoryRequest::Target target;
+    // The engine passes its install path here; a plain module name is taken
+    // as the module, anything else means the configured one.
+    target.name = Repository::isValidModuleName(module) ? module : m_config.module;
+    if (target.name.isEmpty())
+        return refuse(Error::ConfigError, QStringLiteral("no module to download: \"moduleInfo\" names none"));
+    target.version = info.version;
+    if (target.version.isEmpty() && target.name == m_config.module)
+        target.version = m_config.pinnedVersion;
+    target.pinned = !target.version.isEmpty();
+    target.writeVerifyFile = writeVerifyFile;
+    target.extra = info.extra;
+    qCInfo(lcVindal) << "download" << target.name << (target.pinned ? target.version : QStringLiteral("newest"));
+    return request(RepositoryRequest::Fetch, target);
+}
+
+void ManagerPrivate::shutdown()
+{
+    *m_shuttingDown = true;
+    delete m_requests; // their replies finish with Cancelled
+    m_requests = nullptr;
+    m_unpackPool.waitForDone();
+}
 
 Manager::Manager(QObject *parent)
     : QObject(parent)
@@ -22,50 +120,144 @@ Manager::Manager(QObject *parent)
 
 Manager::~Manager()
 {
+    d->shutdown();
     delete d;
 }
 
-Reply *Manager::setConfigPath(const QString &)
+Reply *Manager::setConfigPath(const QString &path)
 {
-    return notYet(this);
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return d->refuse(Error::ConfigError, QStringLiteral("cannot read the configuration \"%1\": %2").arg(path, file.errorString()));
+    QJsonParseError error;
+    const QJsonDocument doc = QJsonDocument::fromJson(file.read(4 * 1024 * 1024), &error);
+    if (!doc.isObject())
+        return d->refuse(Error::ConfigError, QStringLiteral("the configuration \"%1\" is not a JSON object: %2").arg(path, error.errorString()));
+    return setConfigData(doc.object().toVariantMap());
 }
 
-Reply *Manager::setConfigData(const QVariantMap &)
+Reply *Manager::setConfigData(const QVariantMap &config)
 {
-    return notYet(this);
+    RepositoryConfig parsed;
+    QString error;
+    if (!RepositoryConfig::parse(config, &parsed, &error))
+        return d->refuse(Error::ConfigError, QStringLiteral("unusable configuration: %1").arg(error));
+    d->m_config = parsed;
+    d->m_configured = true;
+    {
+        QMutexLocker lock(&d->m_mutex);
+        d->m_limits = parsed.limits;
+        d->m_packageInfo.clear();
+    }
+    d->applyNetworkSettings();
+    qCInfo(lcVindal) << "repository" << parsed.bases.first().toString() << "module" << parsed.module;
+    RepositoryRequest::Target target;
+    target.name = parsed.module;
+    target.version = parsed.pinnedVersion;
+    target.pinned = !target.version.isEmpty();
+    if (target.name.isEmpty()) {
+        // Nothing to resolve; the reply still comes from the event loop.
+        auto *reply = new Reply;
+        const auto channel = ReplyPrivate::channel(reply);
+        const QVariantMap result{{QStringLiteral("repository"), parsed.bases.first().toString()}};
+        QMetaObject::invokeMethod(this, [channel, result] { channel->finish(Error::NoError, result); }, Qt::QueuedConnection);
+        return reply;
+    }
+    return d->request(RepositoryRequest::Resolve, target);
 }
 
-Reply *Manager::downloadModule(const QString &, const VDBasicInfo &)
+Reply *Manager::downloadModule(const QString &module, const VDBasicInfo &info)
 {
-    return notYet(this);
+    return d->fetchModule(module, info, false);
 }
 
-Reply *Manager::downloadOfflineModule(const QString &, const VDBasicInfo &)
+Reply *Manager::downloadOfflineModule(const QString &module, const VDBasicInfo &info)
 {
-    return notYet(this);
+    return d->fetchModule(module, info, true);
 }
 
-void Manager::loadOfflinePackage(Reply *reply, const QString &, const QString &)
+void Manager::loadOfflinePackage(Reply *reply, const QString &packageFile, const QString &targetFolder)
 {
-    if (reply)
-        ReplyPrivate::channel(reply)->finishLater(this, Error::ConfigError, QStringLiteral("not implemented yet"));
+    if (!reply) {
+        qCWarning(lcVindal) << "loadOfflinePackage without a reply; nothing is unpacked";
+        return;
+    }
+    const std::shared_ptr<ReplyChannel> channel = ReplyPrivate::channel(reply);
+    // The worker notices an abort itself and cleans up before it finishes.
+    channel->setAbortHandler([] {});
+    ExtractLimits limits;
+    {
+        QMutexLocker lock(&d->m_mutex);
+        limits = d->m_limits;
+    }
+    qCInfo(lcVindal) << "unpack" << packageFile << "into" << targetFolder;
+    const auto shuttingDown = d->m_shuttingDown;
+    d->m_unpackPool.start([channel, packageFile, targetFolder, limits, shuttingDown] {
+        ProgressThrottle throttle;
+        const Outcome outcome = Package::extract(packageFile, targetFolder,
+                                                 [&](qint64 done, qint64 total) {
+                                                     if (channel->isAborted() || *shuttingDown)
+                                                         return false;
+                                                     if (throttle.ready() || done == total)
+                                                         channel->progress(done, total);
+                                                     return true;
+                                                 },
+                                                 limits);
+        QVariantMap result{{QStringLiteral("file"), packageFile}, {QStringLiteral("path"), targetFolder}};
+        if (outcome) {
+            result.insert(QStringLiteral("bytesTotal"), QFileInfo(packageFile).size());
+        } else {
+            result.insert(QStringLiteral("entry"), outcome.subject);
+            qCWarning(lcVindal) << "unpacking failed:" << outcome.message;
+        }
+        channel->clearAbortHandler();
+        channel->finish(outcome.code, result, outcome.message);
+    });
 }
 
-Reply *Manager::checkUpgrade(const QString &, const QString &, const QString &, const QString &, const QString &,
-                             const QString &, int, const QStringList &, const QStringList &)
+Reply *Manager::checkUpgrade(const QString &programFolder, const QString &modelCode, const QString &environment,
+                             const QString &protocolVersion, const QString &os, const QString &lang, int limit,
+                             const QStringList &installed, const QStringList &options)
 {
-    return notYet(this);
+    Q_UNUSED(programFolder)
+    Q_UNUSED(protocolVersion)
+    Q_UNUSED(options)
+    if (!d->m_configured)
+        return d->refuse(Error::ConfigError, QStringLiteral("no configuration: setConfigData() or setConfigPath() comes first"));
+    RepositoryRequest::Target target;
+    target.kind = PackageIndex::Upgrades;
+    target.name = modelCode;
+    target.environment = environment;
+    target.os = os;
+    target.lang = lang;
+    target.limit = limit;
+    target.installed = installed;
+    return d->request(RepositoryRequest::ListUpgrades, target);
 }
 
-Reply *Manager::startUpgrade(const QString &, const QString &, PackageType)
+Reply *Manager::startUpgrade(const QString &modelCode, const QString &version, PackageType type)
 {
-    return notYet(this);
+    if (!d->m_configured)
+        return d->refuse(Error::ConfigError, QStringLiteral("no configuration: setConfigData() or setConfigPath() comes first"));
+    if (type == ModulePackage) {
+        VDBasicInfo info;
+        info.version = version;
+        return d->fetchModule(modelCode, info, false);
+    }
+    if (modelCode.isEmpty())
+        return d->refuse(Error::ConfigError, QStringLiteral("startUpgrade needs a model code"));
+    RepositoryRequest::Target target;
+    target.kind = PackageIndex::Upgrades;
+    target.name = modelCode;
+    target.version = version;
+    target.pinned = true;
+    return d->request(RepositoryRequest::Fetch, target);
 }
 
 QVariantMap Manager::packageInfo() const
 {
-    QMutexLocker lock(&d->packageInfoMutex);
-    return d->packageInfo;
+    QMutexLocker lock(&d->m_mutex);
+    return d->m_packageInfo;
 }
 
 } // namespace Vindal

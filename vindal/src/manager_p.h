@@ -3,18 +3,50 @@
 
 #include <vindal/manager.h>
 
+#include "repositoryconfig_p.h"
+#include "repositoryrequest_p.h"
+
 #include <QtCore/QMutex>
+#include <QtCore/QThreadPool>
+
+#include <atomic>
+#include <memory>
+
+class QNetworkAccessManager;
 
 namespace Vindal {
+
+class ReplyChannel;
 
 class ManagerPrivate
 {
 public:
-    explicit ManagerPrivate(Manager *q) : q(q) {}
+    explicit ManagerPrivate(Manager *q);
+
+    // Created on first use, on the manager's thread (the manager may have
+    // been moved to another thread after construction).
+    QNetworkAccessManager *network();
+    void applyNetworkSettings();
+
+    // A new reply whose request failed before it started: the status is set
+    // at once, finished() follows from the event loop.
+    Reply *refuse(Error::ErrorCode code, const QString &message);
+    Reply *request(RepositoryRequest::Mode mode, const RepositoryRequest::Target &target);
+    Reply *fetchModule(const QString &module, const VDBasicInfo &info, bool writeVerifyFile);
+    void shutdown();
 
     Manager *q;
-    mutable QMutex packageInfoMutex;
-    QVariantMap packageInfo;
+    QObject *m_requests;                       // parent of the running requests, a child of q
+    QNetworkAccessManager *m_network = nullptr;
+    RepositoryConfig m_config;                 // used on the manager's thread only
+    bool m_configured = false;
+
+    mutable QMutex m_mutex;                    // guards what other threads read
+    QVariantMap m_packageInfo;
+    ExtractLimits m_limits;
+
+    QThreadPool m_unpackPool;
+    std::shared_ptr<std::atomic<bool>> m_shuttingDown = std::make_shared<std::atomic<bool>>(false);
 };
 
 } // namespace Vindal

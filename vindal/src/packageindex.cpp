@@ -126,11 +126,11 @@ QByteArray PackageIndex::toJson() const
     return QJsonDocument(root).toJson(QJsonDocument::Indented);
 }
 
-const IndexEntry *PackageIndex::newest() const
+const IndexEntry *PackageIndex::newest(const QString &modelCode) const
 {
     const IndexEntry *best = nullptr;
     for (const IndexEntry &entry : m_entries) {
-        if (!best || compareVersions(entry.version, best->version) > 0)
+        if (entry.modelCode == modelCode && (!best || compareVersions(entry.version, best->version) > 0))
             best = &entry;
     }
     return best;

@@ -40,8 +40,9 @@ public:
     void setModule(const QString &module) { m_module = module; }
     const QList<IndexEntry> &entries() const { return m_entries; }
 
-    // The newest entry (by version order), null when the index is empty.
-    const IndexEntry *newest() const;
+    // The newest entry (by version order) of the model code (empty for
+    // modules), null when there is none.
+    const IndexEntry *newest(const QString &modelCode = QString()) const;
     const IndexEntry *find(const QString &version, const QString &modelCode = QString()) const;
     // Adds the entry, replacing one of the same version (and model code).
     void upsert(const IndexEntry &entry);

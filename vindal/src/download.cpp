@@ -1,0 +1,345 @@
+#include "download_p.h"
+
+#include <vindal/filedigest.h>
+
+#include "logging_p.h"
+
+#include <QtConcurrent/QtConcurrentRun>
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+#include <QtCore/QFutureWatcher>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSaveFile>
+#include <QtNetwork/QNetworkAccessManager>
+#include <QtNetwork/QNetworkReply>
+
+namespace Vindal {
+
+namespace {
+
+const QString MetaSha256 = QStringLiteral("sha256");
+const QString MetaValidator = QStringLiteral("validator");
+
+} // namespace
+
+// What is on disk before the transfer starts, found out on a worker thread
+// because hashing a large ".part" takes a while.
+struct Download::Resume
+{
+    QString finalPath;
+    QString partPath;
+    QString metaPath;
+    IndexEntry entry;
+    bool complete = false;
+    qint64 have = 0;
+    QByteArray validator;
+    std::unique_ptr<QCryptographicHash> md5{new QCryptographicHash(QCryptographicHash::Md5)};
+    std::unique_ptr<QCryptographicHash> sha256{new QCryptographicHash(QCryptographicHash::Sha256)};
+
+    void inspect()
+    {
+        if (QFileInfo::exists(finalPath)) {
+            const FileDigest digest = FileDigest::ofFile(finalPath);
+            if (digest.size == entry.size && digest.md5 == entry.md5 && digest.sha256 == entry.sha256) {
+                complete = true;
+                return;
+            }
+            QFile::remove(finalPath);
+        }
+        QFile meta(metaPath);
+        const QJsonObject info = meta.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(meta.read(4096)).object() : QJsonObject();
+        QFile part(partPath);
+        // A ".part" of another file (same name, other content) starts over.
+        if (info.value(MetaSha256).toString() != entry.sha256 || part.size() > entry.size || !part.open(QIODevice::ReadOnly)) {
+            QFile::remove(partPath);
+            QFile::remove(metaPath);
+            return;
+        }
+        QByteArray buffer(1 << 20, Qt::Uninitialized);
+        for (;;) {
+            const qint64 n = part.read(buffer.data(), buffer.size());
+            if (n < 0) {
+                md5->reset();
+                sha256->reset();
+                have = 0;
+                return;
+            }
+            if (n == 0)
+                break;
+            md5->addData(buffer.constData(), int(n));
+            sha256->addData(buffer.constData(), int(n));
+            have += n;
+        }
+        validator = info.value(MetaValidator).toString().toLatin1();
+    }
+};
+
+Download::Download(QNetworkAccessManager *network, const RepositoryConfig &config, const QList<QUrl> &urls,
+                   const IndexEntry &entry, const QString &folder, Progress progress, Done done, QObject *parent)
+    : QObject(parent)
+    , m_network(network)
+    , m_config(config)
+    , m_urls(urls)
+    , m_entry(entry)
+    , m_finalPath(QDir(folder).filePath(entry.file))
+    , m_partPath(m_finalPath + QLatin1String(".part"))
+    , m_metaPath(m_finalPath + QLatin1String(".part.json"))
+    , m_progress(std::move(progress))
+    , m_done(std::move(done))
+    , m_plan(urls.size(), config.retries)
+    , m_part(m_partPath)
+{
+    m_stall.setSingleShot(true);
+    m_stall.setInterval(config.stallTimeoutMs);
+    connect(&m_stall, &QTimer::timeout, this, [this] {
+        if (!m_reply)
+            return;
+        m_refusal.outcome = Outcome::failure(Error::Timeout,
+                                             QStringLiteral("no data from %1 for %2 s").arg(m_reply->url().toString())
+                                                 .arg(m_config.stallTimeoutMs / 1000.0),
+                                             m_reply->url().toString());
+        m_refusal.retryable = true;
+        m_reply->abort();
+    });
+}
+
+Download::~Download()
+{
+    dropReply();
+}
+
+void Download::start()
+{
+    if (!QDir().mkpath(QFileInfo(m_finalPath).absolutePath()))
+        return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot create the folder of \"%1\"").arg(m_finalPath), m_finalPath));
+    auto resume = std::make_shared<Resume>();
+    resume->finalPath = m_finalPath;
+    resume->partPath = m_partPath;
+    resume->metaPath = m_metaPath;
+    resume->entry = m_entry;
+    auto *watcher = new QFutureWatcher<void>(this);
+    connect(watcher, &QFutureWatcher<void>::finished, this, [this, watcher, resume] {
+        watcher->deleteLater();
+        prepared(resume);
+    });
+    watcher->setFuture(QtConcurrent::run([resume] { resume->inspect(); }));
+}
+
+void Download::prepared(const std::shared_ptr<Resume> &resume)
+{
+    if (resume->complete) {
+        qCDebug(lcVindal) << "already downloaded:" << m_finalPath;
+        m_progress(m_entry.size, m_entry.size);
+        return finish(Outcome::success());
+    }
+    m_md5 = std::move(resume->md5);
+    m_sha256 = std::move(resume->sha256);
+    m_written = resume->have;
+    m_validator = resume->validator;
+    if (!m_part.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
+        return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(m_partPath, m_part.errorString()),
+                                       m_partPath));
+    if (m_written > 0)
+        qCDebug(lcVindal) << "resuming" << m_partPath << "at" << m_written;
+    if (m_written == m_entry.size)
+        return complete();
+    attempt();
+}
+
+void Download::attempt()
+{
+    const int base = m_plan.next();
+    if (base < 0)
+        return finish(m_plan.finalOutcome());
+    QNetworkRequest request = Transfer::makeRequest(m_urls.at(base), m_config);
+    m_rangeRequested = m_written > 0;
+    if (m_rangeRequested) {
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(m_written) + '-');
+        if (!m_validator.isEmpty())
+            request.setRawHeader("If-Range", m_validator);
+    }
+    m_headersChecked = false;
+    m_refusal = Transfer::Verdict();
+    m_reply = m_network->get(request);
+    m_reply->setReadBufferSize(1 << 20);
+    connect(m_reply, &QNetworkReply::readyRead, this, &Download::onReadyRead);
+    connect(m_reply, &QNetworkReply::finished, this, &Download::onFinished);
+    m_stall.start();
+}
+
+bool Download::acceptHeaders()
+{
+    m_headersChecked = true;
+    const int status = Transfer::statusOf(m_reply);
+    const QString url = m_reply->url().toString();
+    if (status == 206 && m_rangeRequested) {
+        static const QRegularExpression range(QStringLiteral("^bytes (\\d+)-(\\d+)/(\\d+)$"));
+        const auto match = range.match(QString::fromLatin1(m_reply->rawHeader("Content-Range")));
+        if (!match.hasMatch() || match.captured(1).toLongLong() != m_written || match.captured(3).toLongLong() != m_entry.size) {
+            m_refusal.outcome = Outcome::failure(Error::DownloadFailed,
+                                                 QStringLiteral("%1 answered the range request with \"%2\"")
+                                                     .arg(url, QString::fromLatin1(m_reply->rawHeader("Content-Range"))),
+                                                 url);
+            m_refusal.retryable = true;
+            restartFromZero();
+            m_reply->abort();
+            return false;
+        }
+        return true;
+    }
+    if (status == 200) {
+        if (m_written > 0) {
+            qCDebug(lcVindal) << url << "ignored the range, starting again from zero";
+            restartFromZero();
+        }
+        bool known = false;
+        const qint64 length = m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
+        if (known && length != m_entry.size) {
+            m_refusal.outcome = Outcome::failure(Error::ChecksumMismatch,
+                                                 QStringLiteral("%1 has %2 bytes, the index says %3").arg(url).arg(length).arg(m_entry.size),
+                                                 url);
+            m_reply->abort();
+            return false;
+        }
+        const QByteArray etag = m_reply->rawHeader("ETag");
+        saveValidator(!etag.isEmpty() && !etag.startsWith("W/") ? etag : m_reply->rawHeader("Last-Modified"));
+        return true;
+    }
+    m_refusal = Transfer::judge(m_reply);
+    if (m_refusal.outcome) {
+        m_refusal.outcome = Outcome::failure(Error::DownloadFailed, QStringLiteral("%1 answered with status %2").arg(url).arg(status), url);
+        m_refusal.retryable = true;
+    }
+    m_reply->abort();
+    return false;
+}
+
+void Download::onReadyRead()
+{
+    if (!m_reply || (!m_headersChecked && !acceptHeaders()))
+        return;
+    m_stall.start();
+    if (m_buffer.isEmpty())
+        m_buffer.resize(256 * 1024);
+    // Never more than the index announces: an endless body ends here.
+    while (m_written < m_entry.size && m_reply->bytesAvailable() > 0) {
+        const qint64 n = m_reply->read(m_buffer.data(), qMin<qint64>(m_buffer.size(), m_entry.size - m_written));
+        if (n <= 0)
+            break;
+        if (m_part.write(m_buffer.constData(), n) != n) {
+            return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(m_partPath, m_part.errorString()),
+                                           m_partPath));
+        }
+        m_md5->addData(m_buffer.constData(), int(n));
+        m_sha256->addData(m_buffer.constData(), int(n));
+        m_written += n;
+    }
+    if (m_written == m_entry.size)
+        return complete();
+    if (m_throttle.ready())
+        m_progress(m_written, m_entry.size);
+}
+
+void Download::onFinished()
+{
+    if (!m_reply)
+        return;
+    if (m_refusal.outcome) {
+        if (!m_headersChecked && m_reply->error() == QNetworkReply::NoError && !acceptHeaders())
+            return;
+        onReadyRead();
+        if (!m_reply)
+            return; // complete, or failed for good
+    }
+    Transfer::Verdict verdict = m_refusal.outcome ? Transfer::judge(m_reply) : m_refusal;
+    if (verdict.outcome) {
+        verdict.outcome = Outcome::failure(Error::DownloadFailed,
+                                           QStringLiteral("%1 ended after %2 of %3 bytes").arg(m_reply->url().toString())
+                                               .arg(m_written).arg(m_entry.size),
+                                           m_reply->url().toString());
+        verdict.retryable = true;
+    }
+    dropReply();
+    failAttempt(verdict);
+}
+
+void Download::restartFromZero()
+{
+    m_part.resize(0);
+    m_written = 0;
+    m_md5->reset();
+    m_sha256->reset();
+    m_validator.clear();
+    QFile::remove(m_metaPath);
+}
+
+void Download::saveValidator(const QByteArray &validator)
+{
+    m_validator = validator;
+    QJsonObject meta;
+    meta.insert(MetaSha256, m_entry.sha256);
+    meta.insert(MetaValidator, QString::fromLatin1(validator));
+    QSaveFile file(m_metaPath);
+    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(meta).toJson(QJsonDocument::Compact)) < 0 || !file.commit())
+        qCWarning(lcVindal) << "cannot write" << m_metaPath << file.errorString() << "- a later resume starts from zero";
+}
+
+void Download::failAttempt(const Transfer::Verdict &verdict)
+{
+    qCWarning(lcVindal) << "download attempt failed:" << verdict.outcome.message;
+    m_plan.fail(verdict);
+    m_stall.stop();
+    QTimer::singleShot(m_plan.delayMs(), this, &Download::attempt);
+}
+
+void Download::complete()
+{
+    dropReply();
+    m_stall.stop();
+    const QString md5 = QString::fromLatin1(m_md5->result().toHex());
+    const QString sha256 = QString::fromLatin1(m_sha256->result().toHex());
+    if (md5 != m_entry.md5 || sha256 != m_entry.sha256) {
+        const QString url = m_urls.at(qMax(0, m_plan.current())).toString();
+        Transfer::Verdict verdict;
+        verdict.outcome = Outcome::failure(Error::ChecksumMismatch,
+                                           QStringLiteral("%1 from %2 has SHA-256 %3, the index says %4").arg(m_entry.file, url, sha256, m_entry.sha256),
+                                           m_entry.file);
+        restartFromZero();
+        return failAttempt(verdict); // this base serves a wrong file; the others may not
+    }
+    m_part.close();
+    if (QFileInfo::exists(m_finalPath))
+        QFile::remove(m_finalPath);
+    if (!m_part.rename(m_finalPath)) {
+        return finish(Outcome::failure(Error::DiskFull,
+                                       QStringLiteral("cannot rename \"%1\" to \"%2\": %3").arg(m_partPath, m_finalPath, m_part.errorString()),
+                                       m_finalPath));
+    }
+    QFile::remove(m_metaPath);
+    m_progress(m_entry.size, m_entry.size);
+    finish(Outcome::success());
+}
+
+void Download::finish(const Outcome &outcome)
+{
+    m_stall.stop();
+    dropReply();
+    m_part.close();
+    const Done done = m_done;
+    done(outcome, m_finalPath);
+}
+
+void Download::dropReply()
+{
+    if (!m_reply)
+        return;
+    QNetworkReply *reply = m_reply;
+    m_reply = nullptr;
+    reply->disconnect(this);
+    reply->abort();
+    reply->deleteLater();
+}
+
+} // namespace Vindal

@@ -1,0 +1,84 @@
+#ifndef VINDAL_DOWNLOAD_P_H
+#define VINDAL_DOWNLOAD_P_H
+
+#include "packageindex_p.h"
+#include "repositoryconfig_p.h"
+#include "transfer_p.h"
+
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QFile>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
+#include <QtCore/QTimer>
+
+#include <functional>
+#include <memory>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+
+namespace Vindal {
+
+// Downloads one package file into a folder. The bytes go to "<file>.part"
+// and are hashed as they arrive; the file gets its final name only once its
+// size, MD5 and SHA-256 match the index. A ".part" left by an earlier attempt
+// is resumed with a range request (If-Range guards against a changed file).
+// Lives on the manager's thread; deleting it stops the transfer and keeps
+// the ".part" for a later resume.
+class Download : public QObject
+{
+public:
+    // progress(received, total); done(outcome, final path).
+    using Progress = std::function<void(qint64 received, qint64 total)>;
+    using Done = std::function<void(const Outcome &outcome, const QString &path)>;
+
+    Download(QNetworkAccessManager *network, const RepositoryConfig &config, const QList<QUrl> &urls,
+             const IndexEntry &entry, const QString &folder, Progress progress, Done done, QObject *parent);
+    ~Download() override;
+
+    void start();
+
+private:
+    struct Resume;
+
+    void prepared(const std::shared_ptr<Resume> &resume);
+    void attempt();
+    void onReadyRead();
+    void onFinished();
+    bool acceptHeaders();
+    void restartFromZero();
+    void saveValidator(const QByteArray &validator);
+    void failAttempt(const Transfer::Verdict &verdict);
+    void complete();
+    void finish(const Outcome &outcome);
+    void dropReply();
+    void removePart();
+
+    QNetworkAccessManager *m_network;
+    RepositoryConfig m_config;
+    QList<QUrl> m_urls;
+    IndexEntry m_entry;
+    QString m_finalPath;
+    QString m_partPath;
+    QString m_metaPath;
+    Progress m_progress;
+    Done m_done;
+    AttemptPlan m_plan;
+    ProgressThrottle m_throttle;
+
+    QFile m_part;
+    std::unique_ptr<QCryptographicHash> m_md5;
+    std::unique_ptr<QCryptographicHash> m_sha256;
+    qint64 m_written = 0;
+    QByteArray m_validator;
+    QPointer<QNetworkReply> m_reply;
+    bool m_rangeRequested = false;
+    bool m_headersChecked = false;
+    Transfer::Verdict m_refusal; // set when this side ended the attempt
+    QTimer m_stall;
+    QByteArray m_buffer;
+};
+
+} // namespace Vindal
+
+#endif // VINDAL_DOWNLOAD_P_H

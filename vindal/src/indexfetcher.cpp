@@ -1,0 +1,155 @@
+#include "indexfetcher_p.h"
+
+#include "logging_p.h"
+#include "repositorylayout_p.h"
+#include "signature_p.h"
+
+#include <QtCore/QTimer>
+#include <QtNetwork/QNetworkAccessManager>
+#include <QtNetwork/QNetworkReply>
+
+#include <memory>
+
+namespace Vindal {
+
+IndexFetcher::IndexFetcher(QNetworkAccessManager *network, const RepositoryConfig &config, PackageIndex::Kind kind,
+                           const QString &module, int retries, Done done, QObject *parent)
+    : QObject(parent)
+    , m_network(network)
+    , m_config(config)
+    , m_kind(kind)
+    , m_module(module)
+    , m_done(std::move(done))
+    , m_plan(config.bases.size(), retries)
+{
+}
+
+IndexFetcher::~IndexFetcher()
+{
+    stop();
+}
+
+void IndexFetcher::stop()
+{
+    if (m_reply) {
+        m_reply->disconnect(this);
+        m_reply->abort();
+        m_reply->deleteLater();
+    }
+}
+
+void IndexFetcher::start()
+{
+    next();
+}
+
+void IndexFetcher::next()
+{
+    if (m_plan.next() < 0) {
+        const Done done = m_done;
+        done(m_plan.finalOutcome(), PackageIndex(m_kind), -1);
+        return;
+    }
+    fetch(RepositoryLayout::index(m_kind, m_module), RepositoryLayout::MaxIndexBytes,
+          [this](const Transfer::Verdict &verdict, const QByteArray &document) {
+              if (!verdict.outcome)
+                  return failed(verdict);
+              if (m_config.publicKey.isEmpty())
+                  return check(document, QByteArray());
+              fetch(RepositoryLayout::signature(m_kind, m_module), RepositoryLayout::MaxSignatureBytes,
+                    [this, document](const Transfer::Verdict &verdict, const QByteArray &signature) {
+                        if (verdict.outcome.code == Error::NotFound) {
+                            Transfer::Verdict unsigned_;
+                            unsigned_.outcome = Outcome::failure(Error::SignatureInvalid,
+                                                                 QStringLiteral("%1 is not signed, but a public key is configured")
+                                                                     .arg(verdict.outcome.subject.chopped(4)),
+                                                                 verdict.outcome.subject);
+                            return failed(unsigned_);
+                        }
+                        if (!verdict.outcome)
+                            return failed(verdict);
+                        check(document, signature);
+                    });
+          });
+}
+
+void IndexFetcher::failed(const Transfer::Verdict &verdict)
+{
+    qCWarning(lcVindal) << "index fetch failed:" << verdict.outcome.message;
+    m_plan.fail(verdict);
+    QTimer::singleShot(m_plan.delayMs(), this, [this] { next(); });
+}
+
+void IndexFetcher::check(const QByteArray &document, const QByteArray &signature)
+{
+    const QUrl url = m_config.bases.at(m_plan.current()).resolved(QUrl(RepositoryLayout::index(m_kind, m_module)));
+    Transfer::Verdict refused; // a bad document stays bad however often it is fetched
+    if (!m_config.publicKey.isEmpty() && !Signature::verify(document, signature, m_config.publicKey)) {
+        refused.outcome = Outcome::failure(Error::SignatureInvalid,
+                                           QStringLiteral("the signature of %1 does not match the configured public key").arg(url.toString()),
+                                           url.toString());
+        return failed(refused);
+    }
+    PackageIndex index(m_kind);
+    QString error;
+    if (!index.parse(document, &error)) {
+        refused.outcome = Outcome::failure(Error::InvalidIndex, QStringLiteral("%1 is not a valid index: %2").arg(url.toString(), error),
+                                           url.toString());
+        return failed(refused);
+    }
+    // A validly signed index of another module must not stand in for this one.
+    if (m_kind == PackageIndex::Module && index.module() != m_module) {
+        refused.outcome = Outcome::failure(Error::InvalidIndex,
+                                           QStringLiteral("%1 describes the module \"%2\", not \"%3\"").arg(url.toString(), index.module(), m_module),
+                                           url.toString());
+        return failed(refused);
+    }
+    const Done done = m_done;
+    done(Outcome::success(), index, m_plan.current());
+}
+
+void IndexFetcher::fetch(const QString &path, qint64 cap, Fetched fetched)
+{
+    const QUrl url = m_config.bases.at(m_plan.current()).resolved(QUrl(path));
+    QNetworkReply *reply = m_network->get(Transfer::makeRequest(url, m_config));
+    m_reply = reply;
+    reply->setReadBufferSize(64 * 1024);
+    auto body = std::make_shared<QByteArray>();
+    auto refusal = std::make_shared<Transfer::Verdict>();
+    auto *stall = new QTimer(reply);
+    stall->setSingleShot(true);
+    stall->setInterval(m_config.stallTimeoutMs);
+    connect(stall, &QTimer::timeout, reply, [reply, refusal, url, this] {
+        refusal->outcome = Outcome::failure(Error::Timeout,
+                                            QStringLiteral("no data from %1 for %2 s").arg(url.toString()).arg(m_config.stallTimeoutMs / 1000.0),
+                                            url.toString());
+        refusal->retryable = true;
+        reply->abort();
+    });
+    connect(reply, &QNetworkReply::readyRead, this, [reply, body, refusal, cap, stall, url] {
+        stall->start();
+        if (body->size() + reply->bytesAvailable() > cap) {
+            refusal->outcome = Outcome::failure(Error::InvalidIndex,
+                                                QStringLiteral("%1 is larger than %2 bytes").arg(url.toString()).arg(cap), url.toString());
+            reply->abort();
+            return;
+        }
+        body->append(reply->readAll());
+    });
+    connect(reply, &QNetworkReply::finished, this, [this, reply, body, refusal, fetched, cap, url] {
+        m_reply = nullptr;
+        reply->deleteLater();
+        if (refusal->outcome.code == Error::NoError) {
+            body->append(reply->read(cap + 1 - body->size()));
+            if (body->size() > cap)
+                refusal->outcome = Outcome::failure(Error::InvalidIndex,
+                                                    QStringLiteral("%1 is larger than %2 bytes").arg(url.toString()).arg(cap), url.toString());
+        }
+        if (refusal->outcome.code != Error::NoError)
+            return fetched(*refusal, QByteArray());
+        fetched(Transfer::judge(reply), *body);
+    });
+    stall->start();
+}
+
+} // namespace Vindal

@@ -1,0 +1,157 @@
+#include "repositoryconfig_p.h"
+
+#include "signature_p.h"
+
+#include <vindal/repository.h>
+
+#include "packageindex_p.h"
+
+#include <QtCore/QStandardPaths>
+
+namespace Vindal {
+
+namespace {
+
+bool parseBase(const QString &text, const QString &key, QUrl *url, QString *error)
+{
+    QUrl parsed(text.trimmed(), QUrl::StrictMode);
+    const QString scheme = parsed.scheme().toLower();
+    if (!parsed.isValid() || (scheme != QLatin1String("http") && scheme != QLatin1String("https") && scheme != QLatin1String("file"))
+        || (scheme != QLatin1String("file") && parsed.host().isEmpty())) {
+        *error = QStringLiteral("\"%1\" is not an http, https or file URL: \"%2\"").arg(key, text);
+        return false;
+    }
+    if (parsed.hasQuery() || parsed.hasFragment()) {
+        *error = QStringLiteral("\"%1\" must not carry a query or fragment: \"%2\"").arg(key, text);
+        return false;
+    }
+    // Relative names resolve below the base only when it ends in "/".
+    if (!parsed.path().endsWith(QLatin1Char('/')))
+        parsed.setPath(parsed.path() + QLatin1Char('/'));
+    *url = parsed;
+    return true;
+}
+
+bool positiveNumber(const QVariantMap &map, const QString &key, double *value, QString *error)
+{
+    if (!map.contains(key))
+        return true;
+    bool ok = false;
+    const double number = map.value(key).toDouble(&ok);
+    if (!ok || number < 0 || map.value(key).type() == QVariant::String) {
+        *error = QStringLiteral("\"%1\" must be a number of at least 0").arg(key);
+        return false;
+    }
+    *value = number;
+    return true;
+}
+
+} // namespace
+
+bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, QString *error)
+{
+    RepositoryConfig c;
+    const QString repository = map.value(QStringLiteral("repository")).toString();
+    if (repository.isEmpty()) {
+        *error = QStringLiteral("\"repository\" (the repository's base URL) is missing");
+        return false;
+    }
+    QUrl base;
+    if (!parseBase(repository, QStringLiteral("repository"), &base, error))
+        return false;
+    c.bases.append(base);
+    const QVariant mirrors = map.value(QStringLiteral("mirrors"));
+    if (mirrors.isValid() && mirrors.type() != QVariant::List && mirrors.type() != QVariant::StringList) {
+        *error = QStringLiteral("\"mirrors\" must be a list of URLs");
+        return false;
+    }
+    for (const QVariant &mirror : mirrors.toList()) {
+        if (!parseBase(mirror.toString(), QStringLiteral("mirrors"), &base, error))
+            return false;
+        c.bases.append(base);
+    }
+
+    double stall = c.stallTimeoutMs / 1000.0;
+    double retries = c.retries;
+    if (!positiveNumber(map, QStringLiteral("stallTimeout"), &stall, error)
+        || !positiveNumber(map, QStringLiteral("retries"), &retries, error))
+        return false;
+    if (stall <= 0 || stall > 3600) {
+        *error = QStringLiteral("\"stallTimeout\" must be more than 0 and at most 3600 seconds");
+        return false;
+    }
+    c.stallTimeoutMs = int(stall * 1000);
+    c.retries = int(qMin(retries, 10.0));
+
+    const QString publicKey = map.value(QStringLiteral("publicKey")).toString();
+    if (!publicKey.isEmpty()) {
+        c.publicKey = Signature::decodePublicKey(publicKey);
+        if (c.publicKey.isEmpty()) {
+            *error = QStringLiteral("\"publicKey\" is not a base64 Ed25519 public key");
+            return false;
+        }
+    }
+
+    const QString proxy = map.value(QStringLiteral("proxy"), QStringLiteral("system")).toString();
+    if (proxy == QLatin1String("system")) {
+        c.proxyMode = SystemProxy;
+    } else if (proxy == QLatin1String("none")) {
+        c.proxyMode = NoProxy;
+    } else {
+        const QUrl url(proxy, QUrl::StrictMode);
+        const QString scheme = url.scheme().toLower();
+        if (!url.isValid() || url.host().isEmpty() || (scheme != QLatin1String("http") && scheme != QLatin1String("socks5"))) {
+            *error = QStringLiteral("\"proxy\" must be \"system\", \"none\" or an http:// or socks5:// URL, not \"%1\"").arg(proxy);
+            return false;
+        }
+        c.proxyMode = FixedProxy;
+        c.proxy = QNetworkProxy(scheme == QLatin1String("http") ? QNetworkProxy::HttpProxy : QNetworkProxy::Socks5Proxy,
+                                url.host(), quint16(url.port(scheme == QLatin1String("http") ? 8080 : 1080)),
+                                url.userName(), url.password());
+    }
+
+    const QString caFile = map.value(QStringLiteral("caFile")).toString();
+    if (!caFile.isEmpty()) {
+        c.caCertificates = QSslCertificate::fromPath(caFile, QSsl::Pem, QSslCertificate::PatternSyntax::FixedString);
+        if (c.caCertificates.isEmpty()) {
+            *error = QStringLiteral("\"caFile\" \"%1\" holds no PEM certificate").arg(caFile);
+            return false;
+        }
+    }
+
+    const QVariantMap moduleInfo = map.value(QStringLiteral("moduleInfo")).toMap();
+    c.module = moduleInfo.value(QStringLiteral("name")).toString();
+    c.pinnedVersion = moduleInfo.value(QStringLiteral("version")).toString();
+    if (!c.module.isEmpty() && !Repository::isValidModuleName(c.module)) {
+        *error = QStringLiteral("\"moduleInfo\" names the module \"%1\", which is not a valid module name").arg(c.module);
+        return false;
+    }
+    if (!c.pinnedVersion.isEmpty() && !PackageIndex::isValidVersion(c.pinnedVersion)) {
+        *error = QStringLiteral("\"moduleInfo\" pins the version \"%1\", which is not a valid version").arg(c.pinnedVersion);
+        return false;
+    }
+
+    c.storagePath = map.value(QStringLiteral("startDownload")).toMap().value(QStringLiteral("temporaryStoragePath")).toString();
+
+    const QVariantMap unpack = map.value(QStringLiteral("unpack")).toMap();
+    double maxRatio = double(c.limits.maxRatio);
+    double maxBytes = double(c.limits.maxTotalBytes);
+    double maxEntries = double(c.limits.maxEntries);
+    if (!positiveNumber(unpack, QStringLiteral("maxRatio"), &maxRatio, error)
+        || !positiveNumber(unpack, QStringLiteral("maxBytes"), &maxBytes, error)
+        || !positiveNumber(unpack, QStringLiteral("maxEntries"), &maxEntries, error))
+        return false;
+    c.limits.maxRatio = qint64(maxRatio);
+    c.limits.maxTotalBytes = qint64(maxBytes);
+    c.limits.maxEntries = qint64(maxEntries);
+
+    *config = c;
+    return true;
+}
+
+QString RepositoryConfig::defaultStoragePath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) + QLatin1String("/vindal/downloads");
+}
+
+} // namespace Vindal

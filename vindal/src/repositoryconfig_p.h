@@ -1,0 +1,40 @@
+#ifndef VINDAL_REPOSITORYCONFIG_P_H
+#define VINDAL_REPOSITORYCONFIG_P_H
+
+#include <vindal/package.h>
+
+#include <QtCore/QList>
+#include <QtCore/QUrl>
+#include <QtCore/QVariantMap>
+#include <QtNetwork/QNetworkProxy>
+#include <QtNetwork/QSslCertificate>
+
+namespace Vindal {
+
+// The client's configuration, checked as a whole: either every key is usable
+// or the configuration is refused with a message naming the key.
+struct RepositoryConfig
+{
+    enum ProxyMode { SystemProxy, NoProxy, FixedProxy };
+
+    QList<QUrl> bases;               // "repository" first, then "mirrors", each ending in "/"
+    int stallTimeoutMs = 30000;
+    int retries = 2;
+    QByteArray publicKey;            // raw Ed25519 key; empty: indexes are not checked
+    ProxyMode proxyMode = SystemProxy;
+    QNetworkProxy proxy;
+    QList<QSslCertificate> caCertificates;
+    QString module;                  // "moduleInfo" -> "name"
+    QString pinnedVersion;           // "moduleInfo" -> "version"
+    QString storagePath;             // "startDownload" -> "temporaryStoragePath"
+    ExtractLimits limits;
+
+    bool isValid() const { return !bases.isEmpty(); }
+    static bool parse(const QVariantMap &map, RepositoryConfig *config, QString *error);
+    // Where downloads go when no temporary storage path is configured.
+    static QString defaultStoragePath();
+};
+
+} // namespace Vindal
+
+#endif // VINDAL_REPOSITORYCONFIG_P_H

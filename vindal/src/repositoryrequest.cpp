@@ -1,0 +1,222 @@
+#include "repositoryrequest_p.h"
+
+#include "download_p.h"
+#include "indexfetcher_p.h"
+#include "logging_p.h"
+#include "reply_p.h"
+#include "repositorylayout_p.h"
+#include "statestore_p.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QSaveFile>
+
+#include <algorithm>
+
+namespace Vindal {
+
+RepositoryRequest::RepositoryRequest(Mode mode, QNetworkAccessManager *network, const RepositoryConfig &config,
+                                     const Target &target, const std::shared_ptr<ReplyChannel> &channel, Resolved resolved,
+                                     QObject *parent)
+    : QObject(parent)
+    , m_mode(mode)
+    , m_network(network)
+    , m_config(config)
+    , m_target(target)
+    , m_channel(channel)
+    , m_resolved(std::move(resolved))
+{
+    // The handler runs under the reply's lock and only posts: the request
+    // itself stops on its own thread.
+    m_channel->setAbortHandler([this] {
+        QMetaObject::invokeMethod(this, [this] {
+            finish(Outcome::failure(Error::Cancelled, QStringLiteral("the request was cancelled")));
+        }, Qt::QueuedConnection);
+    });
+}
+
+RepositoryRequest::~RepositoryRequest()
+{
+    m_channel->clearAbortHandler();
+    m_channel->finish(Error::Cancelled, QVariant(), QStringLiteral("the module service was shut down"));
+}
+
+void RepositoryRequest::start()
+{
+    // Resolving at configuration time must not hold up the caller for long:
+    // one pass over the URLs, no retries.
+    const int retries = m_mode == Resolve ? 0 : m_config.retries;
+    auto *fetcher = new IndexFetcher(m_network, m_config, m_target.kind, m_target.kind == PackageIndex::Module ? m_target.name : QString(),
+                                     retries,
+                                     [this](const Outcome &outcome, const PackageIndex &index, int base) { indexed(outcome, index, base); },
+                                     this);
+    m_job = fetcher;
+    fetcher->start();
+}
+
+void RepositoryRequest::indexed(const Outcome &outcome, const PackageIndex &index, int base)
+{
+    if (m_job) {
+        m_job->deleteLater();
+        m_job = nullptr;
+    }
+    QVariantMap result;
+    result.insert(QStringLiteral("repository"), m_config.bases.first().toString());
+    if (!outcome) {
+        if (m_mode != Resolve)
+            return finish(outcome, QVariantMap{{QStringLiteral("subject"), outcome.subject}});
+        qCWarning(lcVindal) << "the configured module cannot be resolved now:" << outcome.message;
+        result.insert(QStringLiteral("resolveError"), outcome.message);
+        return finish(Outcome::success(), result);
+    }
+    if (m_mode == ListUpgrades)
+        return listUpgrades(index);
+
+    const IndexEntry *entry = nullptr;
+    const Outcome selected = select(index, &entry);
+    if (!selected) {
+        if (m_mode != Resolve)
+            return finish(selected);
+        result.insert(QStringLiteral("resolveError"), selected.message);
+        return finish(Outcome::success(), result);
+    }
+    const QVariantMap info = describe(*entry, m_config.bases.at(base));
+    if (m_target.kind == PackageIndex::Module)
+        m_resolved(info);
+    if (m_mode == Resolve) {
+        result.insert(QStringLiteral("module"), m_target.name);
+        result.insert(QStringLiteral("packageInfo"), info);
+        return finish(Outcome::success(), result);
+    }
+
+    // The base that served the index first, then the others in their order.
+    QList<QUrl> urls;
+    const QString folder = RepositoryLayout::folder(m_target.kind, m_target.kind == PackageIndex::Module ? m_target.name : QString());
+    for (int i = 0; i < m_config.bases.size(); ++i) {
+        const QUrl url = m_config.bases.at((base + i) % m_config.bases.size()).resolved(QUrl(folder + QLatin1Char('/') + entry->file));
+        urls.append(url);
+    }
+    const std::shared_ptr<ReplyChannel> channel = m_channel;
+    auto *download = new Download(m_network, m_config, urls, *entry, info.value(QStringLiteral("folder")).toString(),
+                                  [channel](qint64 received, qint64 total) { channel->downloadProgress(received, total); },
+                                  [this, info](const Outcome &outcome, const QString &) { downloaded(outcome, info); }, this);
+    m_job = download;
+    download->start();
+}
+
+Outcome RepositoryRequest::select(const PackageIndex &index, const IndexEntry **entry) const
+{
+    const QString modelCode = m_target.kind == PackageIndex::Upgrades ? m_target.name : QString();
+    const QString what = m_target.kind == PackageIndex::Module ? QStringLiteral("module %1").arg(m_target.name)
+                                                              : QStringLiteral("model %1").arg(m_target.name);
+    if (!m_target.version.isEmpty()) {
+        *entry = index.find(m_target.version, modelCode);
+        if (!*entry)
+            return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version %2").arg(what, m_target.version));
+    } else {
+        *entry = index.newest(modelCode);
+        if (!*entry)
+            return Outcome::failure(m_target.kind == PackageIndex::Module ? Error::NotFound : Error::NoUpgrade,
+                                    QStringLiteral("%1 has no version in the repository").arg(what));
+    }
+    if (m_target.kind == PackageIndex::Module && !m_target.pinned) {
+        const QString highest = StateStore::highWater(m_target.name);
+        if (!highest.isEmpty() && PackageIndex::compareVersions((*entry)->version, highest) < 0) {
+            return Outcome::failure(Error::DowngradeRefused,
+                                    QStringLiteral("%1 offers %2, older than %3 delivered before; pin the version to go back")
+                                        .arg(what, (*entry)->version, highest));
+        }
+    }
+    return Outcome::success();
+}
+
+QVariantMap RepositoryRequest::describe(const IndexEntry &entry, const QUrl &base) const
+{
+    const QString folder = m_config.storagePath.isEmpty() ? RepositoryConfig::defaultStoragePath() : m_config.storagePath;
+    QVariantMap info = entry.extra;
+    info.insert(m_target.kind == PackageIndex::Module ? QStringLiteral("module") : QStringLiteral("modelCode"), m_target.name);
+    info.insert(QStringLiteral("version"), entry.version);
+    info.insert(QStringLiteral("file"), QVariantMap{{QStringLiteral("name"), entry.file}});
+    info.insert(QStringLiteral("bytesTotal"), entry.size);
+    info.insert(QStringLiteral("md5Value"), entry.md5);
+    info.insert(QStringLiteral("sha256Value"), entry.sha256);
+    info.insert(QStringLiteral("folder"), folder);
+    info.insert(QStringLiteral("path"), QDir(folder).filePath(entry.file));
+    info.insert(QStringLiteral("url"),
+                base.resolved(QUrl(RepositoryLayout::folder(m_target.kind, m_target.kind == PackageIndex::Module ? m_target.name : QString())
+                                   + QLatin1Char('/') + entry.file)).toString());
+    return info;
+}
+
+void RepositoryRequest::downloaded(const Outcome &outcome, const QVariantMap &info)
+{
+    if (m_job) {
+        m_job->deleteLater();
+        m_job = nullptr;
+    }
+    if (!outcome)
+        return finish(outcome, QVariantMap{{QStringLiteral("subject"), outcome.subject}});
+    const QString path = info.value(QStringLiteral("path")).toString();
+    if (m_target.writeVerifyFile) {
+        // The digest was just checked against the index; no need to read
+        // the file once more.
+        QSaveFile verify(path + QLatin1String(".verify"));
+        const QByteArray md5 = info.value(QStringLiteral("md5Value")).toString().toLatin1();
+        if (!verify.open(QIODevice::WriteOnly) || verify.write(md5) != md5.size() || !verify.commit())
+            return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(verify.fileName(), verify.errorString()),
+                                           verify.fileName()));
+    }
+    if (m_target.kind == PackageIndex::Module)
+        StateStore::raise(m_target.name, info.value(QStringLiteral("version")).toString());
+    QVariantMap result = m_target.extra;
+    for (auto it = info.cbegin(); it != info.cend(); ++it)
+        result.insert(it.key(), it.value());
+    qCInfo(lcVindal) << "downloaded" << path;
+    finish(Outcome::success(), result);
+}
+
+void RepositoryRequest::listUpgrades(const PackageIndex &index)
+{
+    QString installed;
+    for (const QString &version : qAsConst(m_target.installed)) {
+        if (installed.isEmpty() || PackageIndex::compareVersions(version, installed) > 0)
+            installed = version;
+    }
+    const auto matches = [](const QVariantMap &extra, const QString &key, const QString &wanted) {
+        const QString offered = extra.value(key).toString();
+        return wanted.isEmpty() || offered.isEmpty() || offered == wanted;
+    };
+    QList<IndexEntry> entries;
+    for (const IndexEntry &entry : index.entries()) {
+        if ((m_target.name.isEmpty() || entry.modelCode == m_target.name)
+            && matches(entry.extra, QStringLiteral("environment"), m_target.environment)
+            && matches(entry.extra, QStringLiteral("os"), m_target.os) && matches(entry.extra, QStringLiteral("lang"), m_target.lang)
+            && (installed.isEmpty() || PackageIndex::compareVersions(entry.version, installed) > 0))
+            entries.append(entry);
+    }
+    std::stable_sort(entries.begin(), entries.end(), [](const IndexEntry &a, const IndexEntry &b) {
+        return PackageIndex::compareVersions(a.version, b.version) > 0;
+    });
+    if (m_target.limit > 0 && entries.size() > m_target.limit)
+        entries = entries.mid(0, m_target.limit);
+    QVariantList upgrades;
+    for (const IndexEntry &entry : qAsConst(entries)) {
+        QVariantMap map = entry.toVariantMap();
+        map.insert(QStringLiteral("softVersion"), entry.version);
+        map.remove(QStringLiteral("version"));
+        upgrades.append(map);
+    }
+    finish(Outcome::success(), QVariantMap{{QStringLiteral("upgrades"), upgrades}});
+}
+
+void RepositoryRequest::finish(const Outcome &outcome, const QVariant &result)
+{
+    delete m_job;
+    m_job = nullptr;
+    m_channel->clearAbortHandler();
+    if (!outcome)
+        qCWarning(lcVindal) << "request failed:" << outcome.message;
+    m_channel->finish(outcome.code, result, outcome.message);
+    deleteLater();
+}
+
+} // namespace Vindal

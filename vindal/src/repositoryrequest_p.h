@@ -1,0 +1,77 @@
+#ifndef VINDAL_REPOSITORYREQUEST_P_H
+#define VINDAL_REPOSITORYREQUEST_P_H
+
+#include "packageindex_p.h"
+#include "repositoryconfig_p.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QStringList>
+#include <QtCore/QVariantMap>
+
+#include <functional>
+#include <memory>
+
+class QNetworkAccessManager;
+
+namespace Vindal {
+
+class ReplyChannel;
+
+// One request of the manager that talks to the repository: resolving the
+// configured module's package, downloading a module or installer package,
+// or listing upgrades. Finishes its reply exactly once and then deletes
+// itself; Reply::abort() or deleting the reply stops it (Cancelled).
+class RepositoryRequest : public QObject
+{
+public:
+    enum Mode {
+        Resolve,      // find the package the configuration names; never fails the reply
+        Fetch,        // download a package
+        ListUpgrades, // answer "upgrades"
+    };
+
+    struct Target
+    {
+        PackageIndex::Kind kind = PackageIndex::Module;
+        QString name;            // module, or model code of an upgrade
+        QString version;         // wanted version; empty for the newest
+        bool pinned = false;     // an explicit version passes the downgrade protection
+        bool writeVerifyFile = false;
+        QVariantMap extra;       // copied into the result unread
+        // ListUpgrades: the filters of checkUpgrade.
+        QString environment;
+        QString os;
+        QString lang;
+        int limit = 0;
+        QStringList installed;
+    };
+
+    // Called with the package's description whenever one is resolved.
+    using Resolved = std::function<void(const QVariantMap &packageInfo)>;
+
+    RepositoryRequest(Mode mode, QNetworkAccessManager *network, const RepositoryConfig &config, const Target &target,
+                      const std::shared_ptr<ReplyChannel> &channel, Resolved resolved, QObject *parent);
+    ~RepositoryRequest() override;
+
+    void start();
+
+private:
+    void indexed(const Outcome &outcome, const PackageIndex &index, int base);
+    void listUpgrades(const PackageIndex &index);
+    Outcome select(const PackageIndex &index, const IndexEntry **entry) const;
+    QVariantMap describe(const IndexEntry &entry, const QUrl &base) const;
+    void downloaded(const Outcome &outcome, const QVariantMap &info);
+    void finish(const Outcome &outcome, const QVariant &result = QVariant());
+
+    Mode m_mode;
+    QNetworkAccessManager *m_network;
+    RepositoryConfig m_config;
+    Target m_target;
+    std::shared_ptr<ReplyChannel> m_channel;
+    Resolved m_resolved;
+    QObject *m_job = nullptr;
+};
+
+} // namespace Vindal
+
+#endif // VINDAL_REPOSITORYREQUEST_P_H
