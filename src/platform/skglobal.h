@@ -62,12 +62,25 @@ public:
     // devicePath is of the form "\\.\D:". Returns 0 and the bus type on
     // success, -1 on failure.
     int GetDriveTypeByBus(const char *devicePath, quint16 &busType);
-    // A drive whose bus cannot be read counts as fixed.
+    // A drive whose bus cannot be read counts as fixed. On Windows the drive is
+    // the path's first two characters; elsewhere the block device that holds
+    // the path (or the device node the path names).
     bool isDriveFixed(const QString &path);
+
+    // Whether this process runs with administrator rights (an elevated token on
+    // Windows, effective user id 0 elsewhere). A failed query counts as not
+    // elevated.
+    bool isProcessElevated();
+
+    // The storage bus type of USB devices, as Windows numbers bus types.
+    static constexpr quint16 BusTypeUsb = 7;
 
 private:
     SKGlobal();
     ~SKGlobal() override;
+
+    // The device path that GetDriveTypeByBus() takes for a path.
+    static QByteArray devicePathOf(const QString &path);
 };
 
 } // namespace Corbeth
