@@ -7,6 +7,7 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QMap>
+#include <QtCore/QMutex>
 #include <QtCore/QObject>
 #include <QtCore/QStringList>
 
@@ -106,6 +107,8 @@ public:
     bool isSuicide() const { return m_isSuicide; }
     bool checkIfOfflineInstall(QString &packagePath, QString &verifyPath);
     bool searchPackage(const QString &dir, QString &found);
+    // The package that the last successful search found.
+    QString offlinePackage() const { return m_offlinePackage; }
     void removeUpdateDir();
 
     // The newest ".tolmpkg" file of dir, or an empty string.
@@ -129,6 +132,8 @@ signals:
 private:
     bool runInstallSteps();
     bool runUninstallSteps();
+    void loadDriverIdentification();
+    QString olderInstallPathFromSettings() const;
     void initStandardLocations();
     InstallInfoSet currentSet() const;
     void setCurrentSet(const InstallInfoSet &set);
@@ -140,6 +145,8 @@ private:
     InstallInfoPtr m_updateInfo;
     InstallInfoSet m_parsedSet;
     double m_progress = 0.0;
+    // The update's creeping timer and its install steps advance it from two threads.
+    QMutex m_progressMutex;
     InstallCallback m_installCallback;
     bool m_needUninstall = false;
     bool m_forceInstall = false;
@@ -160,6 +167,7 @@ private:
 
     bool m_isSuicide = false;
     QString m_suicideToolPath;
+    QString m_offlinePackage;
 };
 
 } // namespace Corbeth

@@ -1,0 +1,233 @@
+// File operations: the cover-files step, the recursive copy and the removal
+// step with its white list.
+#include "installer/installer.h"
+
+#include "logging_p.h"
+#include "platform/protectedpath.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QMetaEnum>
+
+#include <memory>
+
+namespace Corbeth {
+
+namespace {
+
+const QLatin1String kWhiteMarker(".WHITEFILE");
+// The largest block one readLine may return: a file without line breaks is
+// copied in pieces of this size rather than read whole.
+constexpr qint64 kMaxBlock = 1 << 20;
+
+const char *levelName(ErrorLevel level)
+{
+    return QMetaEnum::fromType<ErrorLevel>().valueToKey(level);
+}
+
+bool copyFileContent(const QFileInfo &entry, const QString &target)
+{
+    QFile in(entry.absoluteFilePath());
+    QFile out(target);
+    if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly)) {
+        qCCritical(lcCorbeth) << "open fail" << entry.absoluteFilePath() << target;
+        return false;
+    }
+    // Blocks are what readLine returns, so any bytes pass unchanged.
+    // One block buffer per thread, reused for every file.
+    static thread_local const std::unique_ptr<char[]> block(new char[kMaxBlock]);
+    while (!in.atEnd()) {
+        const qint64 length = in.readLine(block.get(), kMaxBlock);
+        if (length <= 0)
+            break;
+        out.write(block.get(), length);
+    }
+    out.close();
+    in.close();
+    // Installed programs must stay executable.
+    QFile::setPermissions(target, entry.permissions());
+    return true;
+}
+
+// Moves each white-listed path aside under its marker name (hide) or gives it
+// its name back.
+void renameWhiteList(const Installer &installer, const QStringList &whiteList, bool hide)
+{
+    const char *step = hide ? "filesToWhite" : "whiteToFiles";
+    for (const QString &file : whiteList) {
+        const QString path = installer.expandPath(file);
+        const QString marked = path + kWhiteMarker;
+        const QString &from = hide ? path : marked;
+        const QString &shown = hide ? marked : file;
+        if (!QFileInfo::exists(from))
+            qCWarning(lcCorbeth) << step << "not exist" << shown << step;
+        else if (!QDir().rename(from, hide ? marked : path))
+            qCWarning(lcCorbeth) << step << "not rename" << shown << step;
+    }
+    qCDebug(lcCorbeth) << step << "success";
+}
+
+} // namespace
+
+bool Installer::cutFiles(const QList<CoverFileInfo> &items)
+{
+    if (items.isEmpty())
+        return true;
+    for (const CoverFileInfo &item : items) {
+        const QString src = expandPath(item.pair.first);
+        const QString dest = expandPath(item.pair.second);
+        qCDebug(lcCorbeth) << "cover files" << src << dest << levelName(item.level);
+        if (src == dest) {
+            qCDebug(lcCorbeth) << "src == dest" << src << dest;
+            continue;
+        }
+        if (!checkPathExist(item.level, {{QStringLiteral("path"), src}}, QStringLiteral("cutFiles")))
+            return false;
+        coverFile(src, dest); // a failed copy is only logged
+    }
+    return true;
+}
+
+bool Installer::checkPathExist(ErrorLevel level, const QVariantMap &params, const QString &name)
+{
+    if (level == EL_Warn || name != QLatin1String("cutFiles"))
+        return true;
+    const QString path = params.value(QStringLiteral("path")).toString();
+    const QFileInfo info(path);
+    if (info.isFile())
+        return true;
+    const QString dir = path.contains(QLatin1Char('*')) ? info.absolutePath() : path;
+    qCDebug(lcCorbeth) << "absolute path" << dir;
+    if (QDir(dir).exists())
+        return true;
+    qCCritical(lcCorbeth) << "dir not exist" << dir;
+    return false;
+}
+
+bool Installer::coverFile(const QString &src, const QString &dest)
+{
+    const QFileInfo info(src);
+    if (info.isFile()) {
+        if (QFile::exists(dest) && !QFile::remove(dest))
+            qCCritical(lcCorbeth) << "remove fail" << dest;
+        if (QFile::copy(src, dest))
+            return true;
+        qCCritical(lcCorbeth) << "file copy fail " << src << dest;
+        return false;
+    }
+
+    const QString base = info.completeBaseName();
+    const QString suffix = info.completeSuffix();
+    qCDebug(lcCorbeth) << "src basename" << base << "suffix" << suffix;
+    const QDir::Filters filesOnly(0x6002);
+    const QDir::Filters allEntries(0x6007);
+    const QLatin1String star("*");
+    bool copied;
+    if (base == star && suffix == star)
+        copied = copyDir(info.absolutePath(), dest, filesOnly, QString());
+    else if (base != star || suffix.isEmpty())
+        copied = copyDir(src, dest, allEntries, QString());
+    else
+        copied = copyDir(info.absolutePath(), dest, filesOnly, suffix);
+    // The folder branches answer inverted; callers only read the log.
+    if (!copied)
+        return true;
+    qCCritical(lcCorbeth) << Q_FUNC_INFO << __LINE__;
+    return false;
+}
+
+bool Installer::copyDir(const QString &srcDir, const QString &destDir, QDir::Filters filters, const QString &suffix)
+{
+    const QDir source(srcDir);
+    if (!source.exists()) {
+        qCWarning(lcCorbeth).noquote() << QStringLiteral("%1 not exist").arg(srcDir);
+        return true;
+    }
+    const QString destPath = QDir(destDir).absolutePath();
+    makeDir(destPath);
+    const QFileInfoList entries = source.entryInfoList(filters, QDir::NoSort);
+    for (const QFileInfo &entry : entries) {
+        if (!suffix.isEmpty() && entry.completeSuffix() != suffix)
+            continue;
+        const QString target = destPath + QDir::separator() + entry.fileName();
+        if (entry.isDir()) {
+            makeDir(target);
+            copyDir(entry.absoluteFilePath(), target, filters, suffix);
+        } else if (entry.isFile()) {
+            if (QFile::exists(target))
+                QFile::remove(target);
+            if (!copyFileContent(entry, target))
+                return false;
+        }
+    }
+    return true;
+}
+
+bool Installer::makeDir(const QString &path)
+{
+    if (QDir(path).exists())
+        return true;
+    if (!QDir().mkpath(path)) {
+        qCDebug(lcCorbeth) << "dir mk fail" << path;
+        return false;
+    }
+    return true;
+}
+
+bool Installer::removeFiles(const QStringList &files, const QStringList &whiteList)
+{
+    filesToWhite(whiteList);
+    for (const QString &file : files) {
+        const QString path = expandPath(file);
+        // An unset variable can leave "" (the working folder) or "/bin": such
+        // paths are never removed.
+        const bool isProtected = ProtectedPath::isProtected(std::filesystem::u8path(path.toStdString()));
+        if (!isProtected && QFile::remove(path))
+            qCDebug(lcCorbeth) << "remove file sccuess" << path;
+        else if (!isProtected && removeDir(QDir(path)))
+            qCDebug(lcCorbeth) << path << "remove dir success";
+        else
+            qCWarning(lcCorbeth) << "remove file erorr" << path << file;
+    }
+    whiteToFiles(whiteList);
+    return true;
+}
+
+bool Installer::removeDir(const QDir &dir)
+{
+    if (!dir.exists()) {
+        qCCritical(lcCorbeth) << "removeDir" << "not exist" << dir.path();
+        return false;
+    }
+    const QFileInfoList entries = dir.entryInfoList(QDir::Filters(0x6007), QDir::NoSort);
+    for (const QFileInfo &entry : entries) {
+        const QString path = entry.filePath();
+        if (path.contains(kWhiteMarker))
+            continue;
+        // A link is removed as a link: following it would reach files outside
+        // the folder being removed.
+        if ((entry.isFile() || entry.isSymLink()) && QFile::remove(path))
+            continue;
+        if (!entry.isSymLink())
+            removeDir(QDir(path));
+    }
+    // A fresh listing: the one above is out of date.
+    const QDir current(dir.absolutePath());
+    if (current.count() > 2)
+        return true;
+    if (!QDir().rmdir(current.absolutePath()))
+        qCWarning(lcCorbeth) << "path exist file" << current.absolutePath();
+    return true;
+}
+
+void Installer::filesToWhite(const QStringList &whiteList)
+{
+    renameWhiteList(*this, whiteList, true);
+}
+
+void Installer::whiteToFiles(const QStringList &whiteList)
+{
+    renameWhiteList(*this, whiteList, false);
+}
+
+} // namespace Corbeth

@@ -1,0 +1,166 @@
+// Steps around the operations: older software, the self-deleting cleanup
+// tool, the offline package next to the program and the download cache.
+#include "installer/installer.h"
+
+#include "logging_p.h"
+#include "platform/skglobal.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDirIterator>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QProcess>
+
+namespace Corbeth {
+
+namespace {
+
+// The cleanup tool's file, with the ".exe" it has on Windows or without.
+const char *const kCleanupToolNames[] = {"corbeth-cleanup.exe", "corbeth-cleanup"};
+
+bool holdsFiles(const QString &dir)
+{
+    if (dir.isEmpty() || !QDir(dir).exists())
+        return false;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    return it.hasNext();
+}
+
+} // namespace
+
+QString Installer::latestPackage(const QString &dir)
+{
+    const QFileInfoList entries
+        = QDir(dir).entryInfoList({QStringLiteral("*.tolmpkg")}, QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
+    if (entries.isEmpty()) {
+        qCDebug(lcCorbeth) << "No .tolmpkg files found in" << dir;
+        return QString();
+    }
+    QFileInfo latest = entries.first();
+    for (const QFileInfo &entry : entries) {
+        if (latest.lastModified() < entry.lastModified())
+            latest = entry;
+    }
+    qCDebug(lcCorbeth) << "Latest .tolmpkg file found: " << latest.absoluteFilePath();
+    return latest.absoluteFilePath();
+}
+
+bool Installer::searchPackage(const QString &dir, QString &found)
+{
+    const QString package = latestPackage(dir);
+    if (package.isEmpty())
+        return false;
+    m_offlinePackage = package;
+    found = package;
+    return true;
+}
+
+bool Installer::checkIfOfflineInstall(QString &packagePath, QString &verifyPath)
+{
+    // An offline installer ships its package next to the program.
+    if (!searchPackage(QCoreApplication::applicationDirPath(), packagePath))
+        return false;
+    const QString companion = packagePath + QLatin1String(".verify");
+    verifyPath = QFile::exists(companion) ? companion : QString();
+    qCDebug(lcCorbeth) << "offline package" << packagePath << verifyPath;
+    return true;
+}
+
+void Installer::removeUpdateDir()
+{
+    if (m_installPath.isEmpty()) {
+        qCWarning(lcCorbeth) << "remove update dir" << "install path is empty";
+        return;
+    }
+    QDir cache(m_installPath + QLatin1String("/arvenorDownloadCache"));
+    qCDebug(lcCorbeth) << "remove update dir" << cache.path();
+    if (cache.exists() && !cache.removeRecursively())
+        qCWarning(lcCorbeth) << "remove update dir fail" << cache.path();
+}
+
+QString Installer::olderInstallPathFromSettings() const
+{
+    if (!m_installInfo)
+        return QString();
+    const OlderSoftwareInfo &older = m_installInfo->olderSoftwareInfo;
+    // The settings store is asked again: an uninstall since the configuration
+    // was loaded may have removed the entry.
+    if (!older.settingPath.isEmpty() && !older.key.isEmpty())
+        return SKGlobal::instance()->settingValue(older.settingPath, older.key).toString();
+    return older.olderInstallPath;
+}
+
+bool Installer::checkOldSoftwareIsExist()
+{
+    const QString path = olderInstallPathFromSettings();
+    const bool exists = holdsFiles(path);
+    qCDebug(lcCorbeth) << "older software" << path << exists;
+    return exists;
+}
+
+bool Installer::uninstallOldSoftware()
+{
+    if (!checkOldSoftwareIsExist())
+        return true;
+    const OlderSoftwareInfo older = m_installInfo->olderSoftwareInfo;
+    qCInfo(lcCorbeth) << "uninstall older software" << older.olderInstallPath;
+    const CBEnum::ErrorCode code = processExe(older.process);
+    if (code != CBEnum::EC_NoError) {
+        qCCritical(lcCorbeth) << "older software uninstall fail" << code;
+        return false;
+    }
+    removeFiles(older.removeFiles, m_uninstallInfo ? m_uninstallInfo->whiteList : QStringList());
+    removeSettings(older.removeSettings);
+    return true;
+}
+
+bool Installer::copySuicideTool()
+{
+    // The tool ships with the engine beside the program, or with the product
+    // in its install folder; it must run from elsewhere to remove that folder.
+    QString source;
+    for (const QString &dir : {QCoreApplication::applicationDirPath(), m_installPath}) {
+        for (const char *name : kCleanupToolNames) {
+            const QString candidate = QDir(dir).filePath(QLatin1String(name));
+            if (source.isEmpty() && !dir.isEmpty() && QFile::exists(candidate))
+                source = candidate;
+        }
+    }
+    if (source.isEmpty()) {
+        qCWarning(lcCorbeth) << "suicide tool not found" << QCoreApplication::applicationDirPath() << m_installPath;
+        return false;
+    }
+    const QFileInfo info(source);
+    const QString target = QDir::temp().filePath(QStringLiteral("%1-%2%3")
+                                                     .arg(info.completeBaseName())
+                                                     .arg(QCoreApplication::applicationPid())
+                                                     .arg(info.suffix().isEmpty() ? QString()
+                                                                                  : QLatin1Char('.') + info.suffix()));
+    if (QFile::exists(target))
+        QFile::remove(target);
+    if (!QFile::copy(source, target)) {
+        qCWarning(lcCorbeth) << "suicide tool copy fail" << source << target;
+        return false;
+    }
+    m_suicideToolPath = target;
+    qCDebug(lcCorbeth) << "suicide tool" << target;
+    return true;
+}
+
+void Installer::suicide(const QString &dir)
+{
+    if ((m_suicideToolPath.isEmpty() || !QFile::exists(m_suicideToolPath)) && !copySuicideTool())
+        return;
+    QStringList args{QStringLiteral("--pid"), QString::number(QCoreApplication::applicationPid()),
+                     QStringLiteral("--dir"), QDir(dir).absolutePath()};
+    // White-listed files of the uninstall survive the folder's removal too.
+    if (m_uninstallInfo) {
+        for (const QString &entry : qAsConst(m_uninstallInfo->whiteList))
+            args << QStringLiteral("--keep") << QDir(expandPath(entry)).absolutePath();
+    }
+    qint64 pid = 0;
+    m_isSuicide = QProcess::startDetached(m_suicideToolPath, args, QDir::tempPath(), &pid);
+    qCInfo(lcCorbeth) << "suicide" << dir << m_isSuicide << pid;
+}
+
+} // namespace Corbeth
