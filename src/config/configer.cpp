@@ -79,9 +79,9 @@ CBEnum::ErrorCode Configer::setConfigData(const QVariantMap &data)
     // changed, so sending it again reloads it.
     m_velmiraInfo = m_configData[QStringLiteral("velmira")].toMap();
     m_tolmInstallerModuleInfo = m_configData[QStringLiteral("tolmInstallerModuleInfo")].toMap();
-    if (m_configData.contains(QStringLiteral("downloadModueleInfo")))
-        m_downloadModuleInfo = m_configData[QStringLiteral("downloadModueleInfo")].toMap();
-    else
+    const bool extraE = m_configData.contains(QStringLiteral("downloadModueleInfo"));
+    m_downloadModuleInfo = m_configData[QStringLiteral("downloadModueleInfo")].toMap();
+    if (!extraE)
         m_downloadModuleInfo = m_configData[QStringLiteral("downloadModuleInfo")].toMap();
 
     emit configDataChanged();

@@ -1,0 +1,129 @@
+// Loads the product example shipped in examples/product and checks that the
+// engine reads it as docs/configuration.md describes.
+#include "logcapture.h"
+#include "testmain.h"
+
+#include "config/configer.h"
+#include "installer/installer.h"
+#include "manager/ptrmanager.h"
+#include "platform/skglobal.h"
+#include "plugins/pluginhelper.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QTemporaryDir>
+#include <QtTest/QSignalSpy>
+
+using namespace Corbeth;
+
+class tst_ExampleConfig : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir m_dir;
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        // An older ScanStudio recorded where it lives; the shared data folder
+        // is a custom tag read from the store.
+        SKGlobal *store = SKGlobal::instance();
+        store->setSettingValue(QStringLiteral("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\ScanStudio"),
+                               QStringLiteral("installPath"), m_dir.filePath(QStringLiteral("ScanStudio")));
+        store->setSettingValue(QStringLiteral("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Shared"),
+                               QStringLiteral("dataPath"), m_dir.filePath(QStringLiteral("Shared")));
+        LogCapture log;
+        QCOMPARE(PtrManager::instance()->configer()->setConfigPath(QStringLiteral(CORBETH_EXAMPLE_CONFIG)),
+                 CBEnum::EC_NoError);
+        const char *const faults[] = {"erorr", "cutfiles error", "configdata error", "config fail",
+                                      "customtag fail", "settingPath or empty", "plugin dir not exist"};
+        for (const char *fault : faults)
+            QVERIFY2(!log.contains(QLatin1String(fault)), qPrintable(log.dump()));
+    }
+    void cleanupTestCase() { PtrManager::destroyInstance(); }
+
+    void documentSections()
+    {
+        Configer *configer = PtrManager::instance()->configer().data();
+        QCOMPARE(configer->tolmInstallerModuleInfo().value(QStringLiteral("modelCode")).toString(),
+                 QStringLiteral("SCANSTUDIO-PRO"));
+        QCOMPARE(configer->moduleServiceConfig().value(QStringLiteral("moduleInfo")).toMap(),
+                 configer->downloadModuleInfo());
+        QVERIFY(!configer->downloadModuleInfo().isEmpty());
+        Installer *installer = PtrManager::instance()->installer().data();
+        QCOMPARE(installer->clearProcessList(),
+                 (QStringList{QStringLiteral("ScanStudio.exe"), QStringLiteral("ScanService.exe")}));
+        QCOMPARE(installer->customTags().value(QStringLiteral("sharedDataPath")), m_dir.filePath(QStringLiteral("Shared")));
+    }
+
+    void installDescription()
+    {
+        Installer *installer = PtrManager::instance()->installer().data();
+        const InstallInfoPtr install = installer->installInfo();
+        const QString product = m_dir.filePath(QStringLiteral("ScanStudio"));
+        QCOMPARE(installer->installPath(), product);
+        QCOMPARE(install->olderSoftwareInfo.olderInstallPath, product);
+        QCOMPARE(install->olderSoftwareInfo.process.size(), 1);
+        QCOMPARE(install->olderSoftwareInfo.process.first().extraProcess,
+                 QList<ExtraProcess>{EP_WaitExecOlderUninstall});
+        QCOMPARE(install->checkDrivers, (QList<CBEnum::DriverType>{CBEnum::DT_3W, CBEnum::DT_Turntable}));
+
+        QCOMPARE(install->process.size(), 2);
+        const ProcessHelper &driver = install->process.first();
+        QCOMPARE(driver.level, EL_Critical);
+        QCOMPARE(driver.extraProcess, QList<ExtraProcess>{EP_CheckDriver});
+        QCOMPARE(driver.runingTimeout, 300);
+        QCOMPARE(install->process.at(1).level, EL_Warn);
+
+        QCOMPARE(install->coverFiles.size(), 2);
+        QCOMPARE(install->coverFiles.first().level, EL_Warn);
+        QCOMPARE(installer->expandPath(install->coverFiles.at(1).pair.second),
+                 m_dir.filePath(QStringLiteral("Shared/calibration")));
+        QCOMPARE(install->links.size(), 2);
+        QCOMPARE(installer->expandPath(install->links.first().src), product + QStringLiteral("/ScanStudio.exe"));
+
+        QCOMPARE(install->settings.size(), 2);
+        const SettingInfo &uninstallEntry = install->settings.at(1);
+        QVERIFY(uninstallEntry.path.startsWith(QLatin1String("HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall")));
+        QCOMPARE(uninstallEntry.key.value(QStringLiteral("UninstallString")).toString(),
+                 QStringLiteral("${installPath}/uninstall/Uninstall.exe"));
+
+        const InstallInfoPtr uninstall = installer->uninstallInfo();
+        QCOMPARE(uninstall->whiteList.size(), 2);
+        QCOMPARE(uninstall->removeSettings.size(), 2);
+        QCOMPARE(installer->updateInfo()->whiteList, QStringList{QStringLiteral("${installPath}/settings.ini")});
+        QCOMPARE(installer->updatePatchInfo()->process.size(), 1);
+    }
+
+    void bothAdditions()
+    {
+        Installer *installer = PtrManager::instance()->installer().data();
+        QVERIFY(installer->setCurrentAddtions({QStringLiteral("colorCamera"), QStringLiteral("samples")}));
+        const InstallInfoPtr install = installer->installInfo();
+        QCOMPARE(install->checkDrivers,
+                 (QList<CBEnum::DriverType>{CBEnum::DT_Vimba, CBEnum::DT_3W, CBEnum::DT_Turntable}));
+        QCOMPARE(install->process.size(), 3);
+        QCOMPARE(install->process.first().program, QStringLiteral("${installPath}/drivers/vimba/VimbaDriverInstaller.exe"));
+        QCOMPARE(install->coverFiles.size(), 3);
+        QCOMPARE(install->links.size(), 3);
+        const SettingInfo &productKey = install->settings.first();
+        QCOMPARE(productKey.key.value(QStringLiteral("colorCamera")).toString(), QStringLiteral("enabled"));
+        QCOMPARE(productKey.key.value(QStringLiteral("version")).toString(), QStringLiteral("4.2.0"));
+        QCOMPARE(installer->uninstallInfo()->whiteList.size(), 3);
+        QCOMPARE(install->olderSoftwareInfo.olderInstallPath, m_dir.filePath(QStringLiteral("ScanStudio")));
+    }
+
+    void examplePluginAnswers()
+    {
+        PluginHelper *plugins = PtrManager::instance()->pluginHelper().data();
+        QSignalSpy answers(plugins, &PluginHelper::pluginFinished);
+        QString id;
+        QCOMPARE(plugins->requestPlugin(QStringLiteral("diskinfo"), {{QStringLiteral("path"), m_dir.path()}}, id),
+                 CBEnum::EC_NoError);
+        QTRY_COMPARE(answers.count(), 1);
+        QCOMPARE(answers.first().at(2).toString(), id);
+        QVERIFY(answers.first().at(1).toMap().value(QStringLiteral("freeBytes")).toLongLong() > 0);
+    }
+};
+
+CORBETH_TEST_MAIN(tst_ExampleConfig)
+#include "tst_exampleconfig.moc"
