@@ -64,7 +64,6 @@ private slots:
     void readJsonObject();
     void writeFileMakesFolders();
     void writeJsonValue();
-    void mergeMap();
 
     void settingsRoundTrip_data();
     void settingsRoundTrip();
@@ -273,14 +272,6 @@ void tst_SKGlobal::writeJsonValue()
     QCOMPARE(readAll(file), QByteArray("[1, 2]"));
     QVERIFY(!sk()->writeJsonValue(QStringLiteral("a"), 1, dir.filePath(QStringLiteral("no/such/folder.json"))));
     QVERIFY(log.contains(QStringLiteral("not exist file"), QtCriticalMsg));
-}
-
-void tst_SKGlobal::mergeMap()
-{
-    QVariantMap target{{QStringLiteral("keep"), 1}, {QStringLiteral("over"), 2}};
-    sk()->mergeMap(target, {{QStringLiteral("over"), 3}, {QStringLiteral("new"), 4}});
-    const QVariantMap expected{{QStringLiteral("keep"), 1}, {QStringLiteral("over"), 3}, {QStringLiteral("new"), 4}};
-    QCOMPARE(target, expected);
 }
 
 void tst_SKGlobal::settingsRoundTrip_data()
