@@ -1,0 +1,66 @@
+#ifndef CORBETH_TEST_TESTPRODUCT_H
+#define CORBETH_TEST_TESTPRODUCT_H
+
+#include "config/configer.h"
+#include "installer/installer.h"
+#include "manager/ptrmanager.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QProcess>
+#include <QtTest/QTest>
+
+// Helpers shared by the installer's tests.
+namespace TestProduct {
+
+inline QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size));
+}
+
+inline void writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(content);
+}
+
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+inline QVariantMap fromJson(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).toVariant().toMap();
+}
+
+// The configuration is given the way a client gives it; the document is
+// written as JSON for readability.
+inline void configure(const QByteArray &json)
+{
+    Corbeth::PtrManager::instance()->configer()->setConfigData(fromJson(json));
+}
+
+inline Corbeth::Installer *installer()
+{
+    return Corbeth::PtrManager::instance()->installer().data();
+}
+
+// A copy of the helper program under a name no other test uses, so the
+// processes a test looks for by name are its own.
+inline QString uniqueHelper(const QString &dir, const QString &stem)
+{
+    const QString path = dir + QStringLiteral("/%1-%2").arg(stem).arg(QCoreApplication::applicationPid());
+    QFile::copy(QStringLiteral(CORBETH_TEST_HELPER), path);
+    QFile::setPermissions(path, QFile::permissions(QStringLiteral(CORBETH_TEST_HELPER)));
+    return path;
+}
+
+} // namespace TestProduct
+
+#endif // CORBETH_TEST_TESTPRODUCT_H
