@@ -3,21 +3,20 @@
 #include "installer/installer.h"
 
 #include "logging_p.h"
+#include "platform/filecontent.h"
 #include "platform/protectedpath.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QMetaEnum>
 
-#include <memory>
-
 namespace Corbeth {
 
 namespace {
 
 const QLatin1String kWhiteMarker(".WHITEFILE");
-// The largest block one readLine may return: a file without line breaks is
-// copied in pieces of this size rather than read whole.
+// The largest block read at once: a file without line breaks is copied in
+// pieces of this size rather than read whole.
 constexpr qint64 kMaxBlock = 1 << 20;
 
 const char *levelName(ErrorLevel level)
@@ -29,19 +28,12 @@ bool copyFileContent(const QFileInfo &entry, const QString &target)
 {
     QFile in(entry.absoluteFilePath());
     QFile out(target);
-    if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly)) {
+    if (!in.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
+        || !out.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
         qCCritical(lcCorbeth) << "open fail" << entry.absoluteFilePath() << target;
         return false;
     }
-    // Blocks are what readLine returns, so any bytes pass unchanged.
-    // One block buffer per thread, reused for every file.
-    static thread_local const std::unique_ptr<char[]> block(new char[kMaxBlock]);
-    while (!in.atEnd()) {
-        const qint64 length = in.readLine(block.get(), kMaxBlock);
-        if (length <= 0)
-            break;
-        out.write(block.get(), length);
-    }
+    FileContent::copy(in, out, kMaxBlock);
     out.close();
     in.close();
     // Installed programs must stay executable.

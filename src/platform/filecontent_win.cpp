@@ -1,0 +1,10 @@
+#include "platform/filecontent.h"
+
+namespace Corbeth {
+
+bool FileContent::copy(QFile &in, QFile &out, qint64 blockSize)
+{
+    return copyBlocks(in, out, blockSize);
+}
+
+} // namespace Corbeth
