@@ -1,0 +1,55 @@
+#ifndef VINDAL_TEST_VINDALTEST_H
+#define VINDAL_TEST_VINDALTEST_H
+
+#include <QtCore/QByteArray>
+#include <QtCore/QMap>
+#include <QtCore/QProcess>
+#include <QtCore/QString>
+#include <QtCore/QVariantMap>
+
+namespace Vindal {
+class Reply;
+}
+
+namespace VindalTest {
+
+// The same bytes for the same seed, so failures can be reproduced.
+QByteArray pseudoRandom(int size, quint32 seed);
+bool writeFile(const QString &path, const QByteArray &content);
+QByteArray readFile(const QString &path);
+
+// Everything below a folder: relative path -> content, "<dir>" for folders,
+// "-> target" for links. Two equal snapshots are two equal trees.
+QMap<QString, QByteArray> snapshot(const QString &folder);
+
+// Waits (bounded) for the reply's finished map; empty when it did not come.
+QVariantMap waitFinished(Vindal::Reply *reply, int timeoutMs = 20000);
+
+// The nginx the fixture started: its ports, served folder and CA file.
+struct Nginx
+{
+    int http = 0;
+    int https = 0;
+    QString www;
+    QString caFile;
+    QString accessLog;
+    bool load();
+};
+
+// vindal-faultserver serving a folder; stopped when destroyed.
+class FaultServer
+{
+public:
+    ~FaultServer();
+    bool start(const QString &folder);
+    QString url(const QString &fault) const;
+    QByteArray log() const;
+
+private:
+    QProcess m_process;
+    int m_port = 0;
+};
+
+} // namespace VindalTest
+
+#endif // VINDAL_TEST_VINDALTEST_H
