@@ -7,7 +7,7 @@
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
-#include <QtCore/QSaveFile>
+#include <QtCore/QTemporaryFile>
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -275,10 +275,6 @@ Outcome ArchiveExtractor::extractEntry(struct archive *reader, struct archive_en
         return reportProgress(progress) ? Outcome::success()
                                         : Outcome::failure(Error::Cancelled, QStringLiteral("unpacking was cancelled"));
     }
-    // QSaveFile would write through an existing link to its target; the link
-    // itself is what this entry replaces.
-    if (existing.isSymLink() && !QFile::remove(path))
-        return writeError(name, path, QStringLiteral("the existing link cannot be removed"));
     return writeFile(reader, entry, name, path, progress);
 }
 
@@ -289,8 +285,12 @@ Outcome ArchiveExtractor::writeFile(struct archive *reader, struct archive_entry
     if (declared > m_maxBytes - m_written)
         return unsafe(name, QStringLiteral("unpacks to more than %1 bytes (decompression bomb)").arg(m_maxBytes));
 
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
+    // Written under a temporary name beside the target and renamed over it:
+    // a reader sees the old file or the new one, never half of one, and a
+    // link in the way is replaced, not followed. No sync per file: an
+    // installer writes thousands of them.
+    QTemporaryFile file(QFileInfo(path).absolutePath() + QLatin1String("/.vindal-XXXXXX"));
+    if (!file.open())
         return writeError(name, path, file.errorString());
     qint64 position = 0;
     for (;;) {
@@ -317,11 +317,16 @@ Outcome ArchiveExtractor::writeFile(struct archive *reader, struct archive_entry
     }
     if (position < declared && !file.resize(declared)) // a hole at the end
         return writeError(name, path, file.errorString());
-    file.flush();
-    file.setFileTime(QDateTime::fromSecsSinceEpoch(archive_entry_mtime(entry)), QFileDevice::FileModificationTime);
-    if (!file.commit())
+    if (!file.flush())
         return writeError(name, path, file.errorString());
-    QFile::setPermissions(path, permissionsOf(int(archive_entry_perm(entry)), false));
+    file.setFileTime(QDateTime::fromSecsSinceEpoch(archive_entry_mtime(entry)), QFileDevice::FileModificationTime);
+    file.setPermissions(permissionsOf(int(archive_entry_perm(entry)), false));
+    file.close();
+    std::error_code error;
+    std::filesystem::rename(toFsPath(file.fileName()), toFsPath(path), error);
+    if (error)
+        return writeError(name, path, QString::fromLocal8Bit(error.message().c_str()));
+    file.setAutoRemove(false);
     return Outcome::success();
 }
 

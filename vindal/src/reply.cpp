@@ -21,19 +21,27 @@ void ReplyChannel::downloadProgress(qint64 received, qint64 total)
 bool ReplyChannel::finish(Error::ErrorCode code, const QVariant &result, const QString &message)
 {
     QMutexLocker lock(&m_mutex);
-    if (m_finished.exchange(true))
+    if (m_finished)
         return false;
-    m_status = code;
-    m_abortHandler = nullptr;
-    if (!m_reply)
-        return true;
     QVariantMap map;
     map.insert(QStringLiteral("errorCode"), int(code));
     map.insert(QStringLiteral("result"), result);
     if (code != Error::NoError)
         map.insert(QStringLiteral("errorMessage"), message);
-    emit m_reply->finished(map);
+    // Stored before the flag turns: whoever sees isFinished() finds the map.
+    m_result = map;
+    m_status = code;
+    m_finished = true;
+    m_abortHandler = nullptr;
+    if (m_reply)
+        emit m_reply->finished(map);
     return true;
+}
+
+QVariantMap ReplyChannel::result() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_result;
 }
 
 void ReplyChannel::finishLater(QObject *context, Error::ErrorCode code, const QString &message)
@@ -65,33 +73,24 @@ void ReplyChannel::clearAbortHandler()
 
 void ReplyChannel::requestAbort()
 {
-    std::function<void()> handler;
-    {
-        QMutexLocker lock(&m_mutex);
-        if (m_finished || m_aborted.exchange(true))
-            return;
-        handler = std::move(m_abortHandler);
-        m_abortHandler = nullptr;
-    }
-    // Outside the lock: a handler may finish the reply on this thread.
-    if (handler)
-        handler();
+    // Handlers run under the lock: once clearAbortHandler() has returned, the
+    // job that set one can go away safely. They only post to their job.
+    QMutexLocker lock(&m_mutex);
+    if (m_finished || m_aborted.exchange(true))
+        return;
+    if (m_abortHandler)
+        m_abortHandler();
     else
         finish(Error::Cancelled, QVariant(), QStringLiteral("the request was cancelled"));
 }
 
 void ReplyChannel::detach()
 {
-    std::function<void()> handler;
-    {
-        QMutexLocker lock(&m_mutex);
-        m_reply = nullptr;
-        if (!m_finished && !m_aborted.exchange(true))
-            handler = std::move(m_abortHandler);
-        m_abortHandler = nullptr;
-    }
-    if (handler)
-        handler();
+    QMutexLocker lock(&m_mutex);
+    m_reply = nullptr;
+    if (!m_finished && !m_aborted.exchange(true) && m_abortHandler)
+        m_abortHandler();
+    m_abortHandler = nullptr;
 }
 
 Reply::Reply(QObject *parent)
@@ -115,6 +114,11 @@ Error::ErrorCode Reply::status() const
 bool Reply::isFinished() const
 {
     return d->m_channel->isFinished();
+}
+
+QVariantMap Reply::result() const
+{
+    return d->m_channel->result();
 }
 
 void Reply::abort()

@@ -30,12 +30,14 @@ public:
     // so that a caller who connects after the request returned still hears it.
     void finishLater(QObject *context, Error::ErrorCode code, const QString &message);
 
-    // Called once, from the thread that calls abort() (or deletes the reply).
-    // Without a handler an abort finishes the reply with Error::Cancelled.
+    // Called once, under the channel's lock, from the thread that calls
+    // abort() (or deletes the reply); it must only post to its job. Without
+    // a handler an abort finishes the reply with Error::Cancelled.
     void setAbortHandler(std::function<void()> handler);
     void clearAbortHandler();
     void requestAbort();
 
+    QVariantMap result() const;
     bool isAborted() const { return m_aborted.load(); }
     bool isFinished() const { return m_finished.load(); }
     Error::ErrorCode status() const { return Error::ErrorCode(m_status.load()); }
@@ -48,6 +50,7 @@ private:
     mutable QRecursiveMutex m_mutex;
     Reply *m_reply;
     std::function<void()> m_abortHandler;
+    QVariantMap m_result;
     std::atomic<bool> m_aborted{false};
     std::atomic<bool> m_finished{false};
     std::atomic<int> m_status{Error::NoError};

@@ -25,6 +25,11 @@ public:
     // failure's code once it failed.
     Error::ErrorCode status() const;
     bool isFinished() const;
+    // The map finished() carried, once isFinished() is true (empty before).
+    // status(), isFinished() and result() may be called from any thread, so
+    // a receiver on another thread that connects late can still take the
+    // result: connect, then check isFinished().
+    QVariantMap result() const;
 
 public slots:
     // Stops the request; it finishes with Error::Cancelled unless it had finished.
