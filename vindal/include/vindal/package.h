@@ -54,8 +54,8 @@ public:
     // entries never leave the target (no absolute paths, "..", backslash
     // tricks or escaping links), no hard links, device files or setuid bits,
     // size and entry caps against bombs. Existing files are replaced
-    // atomically. Progress counts unpacked bytes against the sum of the
-    // entries' sizes as far as known (the archive's size for streams).
+    // atomically. Progress counts the package file's bytes read against its
+    // size, ending with (size, size).
     static Outcome extract(const QString &packageFile, const QString &targetFolder,
                            const ProgressCallback &progress = ProgressCallback(),
                            const ExtractLimits &limits = ExtractLimits());
