@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config ccache binutils
     qtbase5-dev qtbase5-dev-tools
-    libarchive-dev libsodium-dev
+    libarchive-dev libsodium-dev libssl-dev
     nginx-light openssl
     libarchive-tools zstd curl
     g++-mingw-w64-x86-64-posix wine64

@@ -1,16 +1,21 @@
 # Fails when the library's dynamic symbol table holds a symbol of namespace
-# Corbeth that belongs to none of the exported classes.
+# Corbeth that belongs to none of the exported classes. Another library passes
+# -DNAMESPACE=<name> and -DPUBLIC=<class|class|...>.
 execute_process(COMMAND ${NM} -D -C --defined-only ${LIBRARY}
     OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
     message(FATAL_ERROR "nm failed on ${LIBRARY}")
 endif()
 string(REPLACE "\n" ";" lines "${symbols}")
-set(public "Corbeth::(CBEnum|HardwareInfo|Manager|staticMetaObject|CPUInfo|GPUInfo|MemInfo|VirtualMemInfo)")
+if(NOT NAMESPACE)
+    set(NAMESPACE Corbeth)
+    set(PUBLIC "CBEnum|HardwareInfo|Manager|staticMetaObject|CPUInfo|GPUInfo|MemInfo|VirtualMemInfo")
+endif()
+set(public "${NAMESPACE}::(${PUBLIC})")
 set(leaks "")
 set(found_public FALSE)
 foreach(line IN LISTS lines)
-    if(line MATCHES "Corbeth::")
+    if(line MATCHES "${NAMESPACE}::")
         if(line MATCHES "${public}")
             set(found_public TRUE)
         else()
@@ -22,6 +27,6 @@ if(leaks)
     message(FATAL_ERROR "internal symbols exported from ${LIBRARY}:${leaks}")
 endif()
 if(NOT found_public)
-    message(FATAL_ERROR "no public Corbeth symbol exported from ${LIBRARY}")
+    message(FATAL_ERROR "no public ${NAMESPACE} symbol exported from ${LIBRARY}")
 endif()
 message(STATUS "exports of ${LIBRARY} are clean")

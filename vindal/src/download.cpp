@@ -1,7 +1,6 @@
 #include "download_p.h"
 
-#include <vindal/filedigest.h>
-
+#include "digest_p.h"
 #include "logging_p.h"
 
 #include <QtConcurrent/QtConcurrentRun>
@@ -25,7 +24,7 @@ const QString MetaValidator = QStringLiteral("validator");
 } // namespace
 
 // What is on disk before the transfer starts, found out on a worker thread
-// because hashing a large ".part" takes a while.
+// because checking a complete file means hashing it.
 struct Download::Resume
 {
     QString finalPath;
@@ -35,14 +34,11 @@ struct Download::Resume
     bool complete = false;
     qint64 have = 0;
     QByteArray validator;
-    std::unique_ptr<QCryptographicHash> md5{new QCryptographicHash(QCryptographicHash::Md5)};
-    std::unique_ptr<QCryptographicHash> sha256{new QCryptographicHash(QCryptographicHash::Sha256)};
 
     void inspect()
     {
         if (QFileInfo::exists(finalPath)) {
-            const FileDigest digest = FileDigest::ofFile(finalPath);
-            if (digest.size == entry.size && digest.md5 == entry.md5 && digest.sha256 == entry.sha256) {
+            if (QFileInfo(finalPath).size() == entry.size && Digest::sha256OfFile(finalPath) == entry.sha256) {
                 complete = true;
                 return;
             }
@@ -50,28 +46,14 @@ struct Download::Resume
         }
         QFile meta(metaPath);
         const QJsonObject info = meta.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(meta.read(4096)).object() : QJsonObject();
-        QFile part(partPath);
+        const qint64 size = QFileInfo(partPath).size();
         // A ".part" of another file (same name, other content) starts over.
-        if (info.value(MetaSha256).toString() != entry.sha256 || part.size() > entry.size || !part.open(QIODevice::ReadOnly)) {
+        if (info.value(MetaSha256).toString() != entry.sha256 || size > entry.size) {
             QFile::remove(partPath);
             QFile::remove(metaPath);
             return;
         }
-        QByteArray buffer(1 << 20, Qt::Uninitialized);
-        for (;;) {
-            const qint64 n = part.read(buffer.data(), buffer.size());
-            if (n < 0) {
-                md5->reset();
-                sha256->reset();
-                have = 0;
-                return;
-            }
-            if (n == 0)
-                break;
-            md5->addData(buffer.constData(), int(n));
-            sha256->addData(buffer.constData(), int(n));
-            have += n;
-        }
+        have = size;
         validator = info.value(MetaValidator).toString().toLatin1();
     }
 };
@@ -107,6 +89,7 @@ Download::Download(QNetworkAccessManager *network, const RepositoryConfig &confi
 
 Download::~Download()
 {
+    m_hasher.reset(); // before this object goes: the hasher posts to it
     dropReply();
 }
 
@@ -134,8 +117,6 @@ void Download::prepared(const std::shared_ptr<Resume> &resume)
         m_progress(m_entry.size, m_entry.size);
         return finish(Outcome::success());
     }
-    m_md5 = std::move(resume->md5);
-    m_sha256 = std::move(resume->sha256);
     m_written = resume->have;
     m_validator = resume->validator;
     if (!m_part.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
@@ -143,6 +124,8 @@ void Download::prepared(const std::shared_ptr<Resume> &resume)
                                        m_partPath));
     if (m_written > 0)
         qCDebug(lcVindal) << "resuming" << m_partPath << "at" << m_written;
+    m_hasher.reset(new PartHasher(m_partPath));
+    m_hasher->grow(m_written);
     if (m_written == m_entry.size)
         return complete();
     attempt();
@@ -163,7 +146,9 @@ void Download::attempt()
     m_headersChecked = false;
     m_refusal = Transfer::Verdict();
     m_reply = m_network->get(request);
-    m_reply->setReadBufferSize(1 << 20);
+    // Large enough for the transfer to keep pace with curl, small enough to
+    // bound the memory whatever the package's size.
+    m_reply->setReadBufferSize(8 << 20);
     connect(m_reply, &QNetworkReply::readyRead, this, &Download::onReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &Download::onFinished);
     m_stall.start();
@@ -221,21 +206,18 @@ void Download::onReadyRead()
     if (!m_reply || (!m_headersChecked && !acceptHeaders()))
         return;
     m_stall.start();
-    if (m_buffer.isEmpty())
-        m_buffer.resize(256 * 1024);
     // Never more than the index announces: an endless body ends here.
     while (m_written < m_entry.size && m_reply->bytesAvailable() > 0) {
-        const qint64 n = m_reply->read(m_buffer.data(), qMin<qint64>(m_buffer.size(), m_entry.size - m_written));
-        if (n <= 0)
+        const QByteArray chunk = m_reply->read(qMin<qint64>(m_reply->bytesAvailable(), m_entry.size - m_written));
+        if (chunk.isEmpty())
             break;
-        if (m_part.write(m_buffer.constData(), n) != n) {
+        if (m_part.write(chunk) != chunk.size()) {
             return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(m_partPath, m_part.errorString()),
                                            m_partPath));
         }
-        m_md5->addData(m_buffer.constData(), int(n));
-        m_sha256->addData(m_buffer.constData(), int(n));
-        m_written += n;
+        m_written += chunk.size();
     }
+    m_hasher->grow(m_written);
     if (m_written == m_entry.size)
         return complete();
     if (m_throttle.ready())
@@ -269,8 +251,7 @@ void Download::restartFromZero()
 {
     m_part.resize(0);
     m_written = 0;
-    m_md5->reset();
-    m_sha256->reset();
+    m_hasher->restart();
     m_validator.clear();
     QFile::remove(m_metaPath);
 }
@@ -298,9 +279,15 @@ void Download::complete()
 {
     dropReply();
     m_stall.stop();
-    const QString md5 = QString::fromLatin1(m_md5->result().toHex());
-    const QString sha256 = QString::fromLatin1(m_sha256->result().toHex());
-    if (md5 != m_entry.md5 || sha256 != m_entry.sha256) {
+    // The hasher may still be reading the last bytes back.
+    m_hasher->whenHashed(m_entry.size, [this](const QString &sha256) {
+        QMetaObject::invokeMethod(this, [this, sha256] { verified(sha256); }, Qt::QueuedConnection);
+    });
+}
+
+void Download::verified(const QString &sha256)
+{
+    if (sha256 != m_entry.sha256) {
         const QString url = m_urls.at(qMax(0, m_plan.current())).toString();
         Transfer::Verdict verdict;
         verdict.outcome = Outcome::failure(Error::ChecksumMismatch,
@@ -309,6 +296,7 @@ void Download::complete()
         restartFromZero();
         return failAttempt(verdict); // this base serves a wrong file; the others may not
     }
+    m_hasher.reset(); // it holds the file open, which would stop a rename on Windows
     m_part.close();
     if (QFileInfo::exists(m_finalPath))
         QFile::remove(m_finalPath);

@@ -2,10 +2,10 @@
 #define VINDAL_DOWNLOAD_P_H
 
 #include "packageindex_p.h"
+#include "parthasher_p.h"
 #include "repositoryconfig_p.h"
 #include "transfer_p.h"
 
-#include <QtCore/QCryptographicHash>
 #include <QtCore/QFile>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
@@ -20,8 +20,9 @@ class QNetworkReply;
 namespace Vindal {
 
 // Downloads one package file into a folder. The bytes go to "<file>.part"
-// and are hashed as they arrive; the file gets its final name only once its
-// size, MD5 and SHA-256 match the index. A ".part" left by an earlier attempt
+// and are hashed (SHA-256) as they arrive; the file gets its final name only
+// once its size and SHA-256 match the index. (Its MD5 is the index's: equal
+// SHA-256 means equal bytes.) A ".part" left by an earlier attempt
 // is resumed with a range request (If-Range guards against a changed file).
 // Lives on the manager's thread; deleting it stops the transfer and keeps
 // the ".part" for a later resume.
@@ -50,6 +51,7 @@ private:
     void saveValidator(const QByteArray &validator);
     void failAttempt(const Transfer::Verdict &verdict);
     void complete();
+    void verified(const QString &sha256);
     void finish(const Outcome &outcome);
     void dropReply();
     void removePart();
@@ -67,8 +69,7 @@ private:
     ProgressThrottle m_throttle;
 
     QFile m_part;
-    std::unique_ptr<QCryptographicHash> m_md5;
-    std::unique_ptr<QCryptographicHash> m_sha256;
+    std::unique_ptr<PartHasher> m_hasher;
     qint64 m_written = 0;
     QByteArray m_validator;
     QPointer<QNetworkReply> m_reply;
@@ -76,7 +77,6 @@ private:
     bool m_headersChecked = false;
     Transfer::Verdict m_refusal; // set when this side ended the attempt
     QTimer m_stall;
-    QByteArray m_buffer;
 };
 
 } // namespace Vindal

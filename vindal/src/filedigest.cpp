@@ -1,14 +1,15 @@
 #include <vindal/filedigest.h>
 
-#include <QtCore/QCryptographicHash>
+#include "digest_p.h"
+
 #include <QtCore/QFile>
 
 namespace Vindal {
 
 namespace {
 
-// Feeds the file to each hash in 1 MiB pieces; the size, -1 on failure.
-qint64 hashFile(const QString &path, QCryptographicHash *md5, QCryptographicHash *sha256)
+// Feeds the file to each digest in 1 MiB pieces; the size, -1 on failure.
+qint64 hashFile(const QString &path, Digest *md5, Digest *sha256)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
@@ -21,9 +22,9 @@ qint64 hashFile(const QString &path, QCryptographicHash *md5, QCryptographicHash
             return -1;
         if (n == 0)
             return total;
-        md5->addData(buffer.constData(), int(n));
+        md5->add(buffer.constData(), n);
         if (sha256)
-            sha256->addData(buffer.constData(), int(n));
+            sha256->add(buffer.constData(), n);
         total += n;
     }
 }
@@ -33,21 +34,21 @@ qint64 hashFile(const QString &path, QCryptographicHash *md5, QCryptographicHash
 FileDigest FileDigest::ofFile(const QString &path)
 {
     FileDigest digest;
-    QCryptographicHash md5(QCryptographicHash::Md5);
-    QCryptographicHash sha256(QCryptographicHash::Sha256);
+    Digest md5(Digest::Md5);
+    Digest sha256(Digest::Sha256);
     const qint64 size = hashFile(path, &md5, &sha256);
     if (size < 0)
         return digest;
     digest.size = size;
-    digest.md5 = QString::fromLatin1(md5.result().toHex());
-    digest.sha256 = QString::fromLatin1(sha256.result().toHex());
+    digest.md5 = md5.hex();
+    digest.sha256 = sha256.hex();
     return digest;
 }
 
 QString FileDigest::md5Of(const QString &path)
 {
-    QCryptographicHash md5(QCryptographicHash::Md5);
-    return hashFile(path, &md5, nullptr) < 0 ? QString() : QString::fromLatin1(md5.result().toHex());
+    Digest md5(Digest::Md5);
+    return hashFile(path, &md5, nullptr) < 0 ? QString() : md5.hex();
 }
 
 } // namespace Vindal
