@@ -4,6 +4,8 @@
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
 #include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
 
 QString PackTool::program()
@@ -107,4 +109,16 @@ QString PackTool::md5Of(const QString &file)
     if (!f.open(QIODevice::ReadOnly) || !hash.addData(&f))
         return QString();
     return QString::fromLatin1(hash.result().toHex());
+}
+
+bool PackTool::servedFolder(const QString &name, QString *folder, QString *url)
+{
+    const QDir nginx(QStringLiteral(VINDAL_NGINX_DIR));
+    QFile ports(nginx.filePath(QStringLiteral("ports.json")));
+    if (!ports.open(QIODevice::ReadOnly))
+        return false;
+    const int port = QJsonDocument::fromJson(ports.readAll()).object().value(QStringLiteral("http")).toInt();
+    *folder = nginx.filePath(QStringLiteral("www/") + name);
+    *url = QStringLiteral("http://127.0.0.1:%1/%2").arg(port).arg(name);
+    return port > 0;
 }

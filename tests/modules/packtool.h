@@ -26,6 +26,10 @@ public:
     // otherwise the first difference.
     static QString compareTrees(const QString &expected, const QString &actual);
     static QString md5Of(const QString &file);
+
+    // A folder served over http by the nginx of the library's test fixture:
+    // false when the fixture is not running.
+    static bool servedFolder(const QString &name, QString *folder, QString *url);
 };
 
 #endif // CORBETH_TEST_PACKTOOL_H

@@ -15,6 +15,7 @@
 #include <QtCore/QEventLoop>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QLoggingCategory>
 #include <QtCore/QMetaEnum>
 #include <QtCore/QUrl>
 
@@ -339,7 +340,7 @@ int fetch(const QStringList &arguments)
     if (!version.isEmpty())
         moduleInfo.insert(QStringLiteral("version"), version);
     QVariantMap config{
-        {QStringLiteral("server"), cl.value(QStringLiteral("server"))},
+        {QStringLiteral("repository"), cl.value(QStringLiteral("server"))},
         {QStringLiteral("moduleInfo"), moduleInfo},
         {QStringLiteral("startDownload"), QVariantMap{{QStringLiteral("temporaryStoragePath"), folder}}},
     };
@@ -379,6 +380,10 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("corbeth-pack"));
     QCoreApplication::setApplicationVersion(QStringLiteral(CORBETH_PACK_VERSION));
+
+    // The library's log would break the one-line results; QT_LOGGING_RULES
+    // ("vindal*=true") still turns it on, as it overrides these rules.
+    QLoggingCategory::setFilterRules(QStringLiteral("vindal*=false"));
 
     QStringList arguments = QCoreApplication::arguments();
     const QString command = arguments.value(1);

@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# Package benchmarks: corbeth-pack against the standard tools, in the same run,
+# on the same files. Prints wall times, the ratio (ours / theirs) against the
+# target, and our peak memory (target: under 64 MiB whatever the size).
+#
+#   create    corbeth-pack create    vs  bsdtar --zstd -cf     (target 1.20)
+#   unpack    corbeth-pack extract   vs  bsdtar -xf            (target 1.15)
+#   download  corbeth-pack fetch     vs  curl, from nginx on loopback,
+#             a 1 GiB package                                  (target 1.15)
+#
+# Usage: bench/package.sh [build-dir] [create|unpack|download|all]
+# The source tree is ~400 MB / ~6,000 real files copied from /usr; everything
+# lives in one folder under ${TMPDIR:-/tmp} that is removed at the end.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$root/build}
+which=${2:-all}
+pack=$build/tools/corbeth-pack/corbeth-pack
+[[ -x $pack ]] || { echo "no corbeth-pack in $build (ninja -C $build corbeth-pack)" >&2; exit 2; }
+for tool in bsdtar curl nginx /usr/bin/time; do
+    command -v "$tool" >/dev/null || { echo "missing $tool" >&2; exit 2; }
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/corbeth-bench.XXXXXX")
+nginx_pid=
+cleanup() {
+    [[ -n $nginx_pid ]] && kill "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+# run <name> <command...>: wall seconds and peak resident KiB into $work/<name>.time
+run() {
+    local name=$1; shift
+    # Both sides run with the files in the page cache (they were just written).
+    /usr/bin/time -f "%e %M" -o "$work/$name.time" "$@" >/dev/null 2>"$work/$name.err" \
+        || { echo "$name failed:" >&2; cat "$work/$name.err" >&2; exit 1; }
+}
+
+report() { # <label> <ours> <theirs> <their name> <target>
+    local ours theirs peak
+    read -r ours peak < "$work/$2.time"
+    read -r theirs _ < "$work/$3.time"
+    awk -v l="$1" -v o="$ours" -v t="$theirs" -v n="$4" -v g="$5" -v p="$peak" 'BEGIN {
+        r = (t > 0) ? o / t : 0
+        printf "%-9s corbeth-pack %7.2f s   %-7s %7.2f s   ratio %.2f (target %.2f) %s   peak %.1f MiB %s\n",
+               l, o, n, t, r, g, (r <= g ? "ok" : "SLOW"), p / 1024, (p < 65536 ? "ok" : "OVER")
+    }'
+}
+
+make_tree() {
+    [[ -d $work/tree ]] && return
+    echo "copying a ~400 MB / ~6,000-file tree from /usr ..."
+    mkdir -p "$work/tree"
+    # Shared libraries for the bulk of the bytes, /usr/share for the many small files.
+    { find /usr/lib/x86_64-linux-gnu -type f -size -4M -printf '%s\t%p\n' 2>/dev/null | sort -t$'\t' -k2 \
+        | awk -F'\t' '!full { if (sum + $1 > 360 * 1048576) full = 1; else { sum += $1; print $2 } }'
+      find /usr/share -type f -printf '%s\t%p\n' 2>/dev/null | sort -t$'\t' -k2 \
+        | awk -F'\t' '!full { if (n >= 2500 || sum + $1 > 50 * 1048576) full = 1; else { sum += $1; n++; print $2 } }'
+    } > "$work/files"
+    tar -cf - --files-from="$work/files" 2>/dev/null | tar -xf - -C "$work/tree"
+    echo "tree: $(find "$work/tree" -type f | wc -l) files, $(du -sm "$work/tree" | cut -f1) MB"
+}
+
+bench_create() {
+    make_tree
+    run create_ours "$pack" create "$work/tree" -o "$work/tree.tolmpkg"
+    run create_bsdtar bsdtar --zstd -cf "$work/tree.tar.zst" -C "$work/tree" .
+    report create create_ours create_bsdtar bsdtar 1.20
+    echo "          sizes: corbeth-pack $(du -m "$work/tree.tolmpkg" | cut -f1) MB, bsdtar $(du -m "$work/tree.tar.zst" | cut -f1) MB"
+}
+
+bench_unpack() {
+    make_tree
+    [[ -f $work/tree.tolmpkg ]] || "$pack" create "$work/tree" -o "$work/tree.tolmpkg" >/dev/null
+    rm -rf "$work/out-ours" "$work/out-bsdtar"
+    mkdir -p "$work/out-ours" "$work/out-bsdtar"
+    run unpack_ours "$pack" extract "$work/tree.tolmpkg" -C "$work/out-ours"
+    run unpack_bsdtar bsdtar -xf "$work/tree.tolmpkg" -C "$work/out-bsdtar"
+    report unpack unpack_ours unpack_bsdtar bsdtar 1.15
+    diff -r "$work/out-ours" "$work/tree" >/dev/null || echo "          WARNING: unpacked tree differs from the source"
+    rm -rf "$work/out-ours" "$work/out-bsdtar"
+}
+
+free_port() {
+    local port
+    for port in $(shuf -i 20000-60000 -n 50); do
+        (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || { echo "$port"; return; }
+    done
+    echo "no free port" >&2; exit 1
+}
+
+bench_download() {
+    echo "making a 1 GiB package ..."
+    mkdir -p "$work/big" "$work/repo" "$work/nginx"
+    head -c 1G /dev/urandom > "$work/big/payload.bin"
+    "$pack" create "$work/big" -o "$work/big.tolmpkg" >/dev/null
+    rm -rf "$work/big"
+    "$pack" publish "$work/big.tolmpkg" --repo "$work/repo" --module big --version 1.0.0 >/dev/null
+    rm -f "$work/big.tolmpkg" "$work/big.tolmpkg.verify"
+    local port file
+    port=$(free_port)
+    cat > "$work/nginx/nginx.conf" <<EOF
+$( [[ $(id -u) == 0 ]] && echo "user root;" )
+worker_processes 1;
+daemon off;
+pid $work/nginx/nginx.pid;
+error_log $work/nginx/error.log;
+events { worker_connections 64; }
+http {
+    access_log off;
+    sendfile on;
+    client_body_temp_path $work/nginx/body;
+    proxy_temp_path $work/nginx/proxy;
+    fastcgi_temp_path $work/nginx/fastcgi;
+    uwsgi_temp_path $work/nginx/uwsgi;
+    scgi_temp_path $work/nginx/scgi;
+    types { application/octet-stream tolmpkg; application/json json; }
+    server { listen 127.0.0.1:$port; root $work/repo; }
+}
+EOF
+    nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" &
+    nginx_pid=$!
+    for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
+    file=$(cd "$work/repo/modules/big" && ls ./*.tolmpkg | head -1)
+    file=${file#./}
+    run download_ours "$pack" fetch --server "http://127.0.0.1:$port" --module big -o "$work/dl-ours"
+    run download_curl curl -sf -o "$work/dl-curl.bin" "http://127.0.0.1:$port/modules/big/$file"
+    report download download_ours download_curl curl 1.15
+    cmp -s "$work/dl-curl.bin" "$work/dl-ours/$file" || echo "          WARNING: downloads differ"
+}
+
+case $which in
+    create) bench_create ;;
+    unpack) bench_unpack ;;
+    download) bench_download ;;
+    all) bench_create; bench_unpack; bench_download ;;
+    *) echo "usage: $0 [build-dir] [create|unpack|download|all]" >&2; exit 2 ;;
+esac
