@@ -13,6 +13,7 @@
 //   endless  the file, then garbage without end (no Content-Length)
 //   corrupt  the file's length, one byte changed
 //   tohttp   a redirect to the same file under /ok/
+//   hangup   the connection closed without an answer
 //
 // GET /_log answers the request lines and Range headers received so far.
 // The server quits when its standard input closes.
@@ -104,6 +105,10 @@ private:
                           + "\r\n\r\n" + content.left(content.size() / 2));
             socket->flush();
             socket->disconnectFromHost();
+            return;
+        }
+        if (fault == QLatin1String("hangup")) {
+            socket->abort();
             return;
         }
         if (fault == QLatin1String("busy"))

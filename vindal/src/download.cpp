@@ -228,9 +228,9 @@ void Download::onFinished()
 {
     if (!m_reply)
         return;
-    if (m_refusal.outcome) {
-        if (!m_headersChecked && m_reply->error() == QNetworkReply::NoError && !acceptHeaders())
-            return;
+    // Drain what is left: the rest of a body cut short, or the headers of an
+    // answer without one. A failed connection has neither.
+    if (m_refusal.outcome && (m_headersChecked || m_reply->error() == QNetworkReply::NoError)) {
         onReadyRead();
         if (!m_reply)
             return; // complete, or failed for good

@@ -32,8 +32,9 @@ public:
 ManagerPrivate::ManagerPrivate(Manager *q)
     : q(q)
     , m_requests(new QObject(q))
+    , m_unpackPool(new QThreadPool(q))
 {
-    m_unpackPool.setMaxThreadCount(2);
+    m_unpackPool->setMaxThreadCount(2);
 }
 
 QNetworkAccessManager *ManagerPrivate::network()
@@ -109,7 +110,7 @@ void ManagerPrivate::shutdown()
     *m_shuttingDown = true;
     delete m_requests; // their replies finish with Cancelled
     m_requests = nullptr;
-    m_unpackPool.waitForDone();
+    m_unpackPool->waitForDone();
 }
 
 Manager::Manager(QObject *parent)
@@ -192,7 +193,7 @@ void Manager::loadOfflinePackage(Reply *reply, const QString &packageFile, const
     }
     qCInfo(lcVindal) << "unpack" << packageFile << "into" << targetFolder;
     const auto shuttingDown = d->m_shuttingDown;
-    d->m_unpackPool.start([channel, packageFile, targetFolder, limits, shuttingDown] {
+    d->m_unpackPool->start([channel, packageFile, targetFolder, limits, shuttingDown] {
         ProgressThrottle throttle;
         const Outcome outcome = Package::extract(packageFile, targetFolder,
                                                  [&](qint64 done, qint64 total) {

@@ -45,7 +45,7 @@ public:
     QVariantMap m_packageInfo;
     ExtractLimits m_limits;
 
-    QThreadPool m_unpackPool;
+    QThreadPool *m_unpackPool;                 // a child of q, so it moves with the manager
     std::shared_ptr<std::atomic<bool>> m_shuttingDown = std::make_shared<std::atomic<bool>>(false);
 };
 

@@ -29,7 +29,10 @@ QNetworkRequest makeRequest(const QUrl &url, const RepositoryConfig &config)
 int statusOf(QNetworkReply *reply)
 {
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    return status.isValid() ? status.toInt() : 200;
+    if (status.isValid())
+        return status.toInt();
+    // An http answer without a status never arrived; a file has none.
+    return reply->url().scheme().startsWith(QLatin1String("http")) ? 0 : 200;
 }
 
 Verdict judge(QNetworkReply *reply)
