@@ -110,7 +110,7 @@ QVariantMap tst_VindalManager::config(const QString &base, const QVariantMap &mo
         {QStringLiteral("proxy"), QStringLiteral("none")},
         {QStringLiteral("stallTimeout"), 5},
         {QStringLiteral("retries"), 1},
-        {QStringLiteral("moduleInfo"), QVariantMap{{QStringLiteral("name"), Module}}},
+        {QStringLiteral("moduleInfo"), QVariantMap{{QStringLiteral("module"), Module}}},
         {QStringLiteral("startDownload"), QVariantMap{{QStringLiteral("temporaryStoragePath"), m_store.path()}}},
     };
     for (auto it = more.cbegin(); it != more.cend(); ++it)
@@ -151,7 +151,7 @@ void tst_VindalManager::configErrors_data()
     QTest::newRow("bad public key") << "publicKey" << QVariant(QStringLiteral("AAAA"));
     QTest::newRow("bad proxy") << "proxy" << QVariant(QStringLiteral("ftp://127.0.0.1:1"));
     QTest::newRow("missing CA file") << "caFile" << QVariant(QStringLiteral("/nonexistent/ca.pem"));
-    QTest::newRow("bad module") << "moduleInfo" << QVariant(QVariantMap{{QStringLiteral("name"), QStringLiteral("../app")}});
+    QTest::newRow("bad module") << "moduleInfo" << QVariant(QVariantMap{{QStringLiteral("module"), QStringLiteral("../app")}});
 }
 
 void tst_VindalManager::configErrors()

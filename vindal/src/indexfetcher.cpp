@@ -119,9 +119,10 @@ void IndexFetcher::fetch(const QString &path, qint64 cap, Fetched fetched)
     auto *stall = new QTimer(reply);
     stall->setSingleShot(true);
     stall->setInterval(m_config.stallTimeoutMs);
-    connect(stall, &QTimer::timeout, reply, [reply, refusal, url, this] {
-        refusal->outcome = Outcome::failure(Error::Timeout,
-                                            QStringLiteral("no data from %1 for %2 s").arg(url.toString()).arg(m_config.stallTimeoutMs / 1000.0),
+    // The timer lives with the reply, which may outlive this object briefly.
+    const double seconds = m_config.stallTimeoutMs / 1000.0;
+    connect(stall, &QTimer::timeout, reply, [reply, refusal, url, seconds] {
+        refusal->outcome = Outcome::failure(Error::Timeout, QStringLiteral("no data from %1 for %2 s").arg(url.toString()).arg(seconds),
                                             url.toString());
         refusal->retryable = true;
         reply->abort();

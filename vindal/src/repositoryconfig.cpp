@@ -120,7 +120,8 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
     }
 
     const QVariantMap moduleInfo = map.value(QStringLiteral("moduleInfo")).toMap();
-    c.module = moduleInfo.value(QStringLiteral("name")).toString();
+    // "module" as in the engine's download module section; "name" is read too.
+    c.module = moduleInfo.value(QStringLiteral("module"), moduleInfo.value(QStringLiteral("name"))).toString();
     c.pinnedVersion = moduleInfo.value(QStringLiteral("version")).toString();
     if (!c.module.isEmpty() && !Repository::isValidModuleName(c.module)) {
         *error = QStringLiteral("\"moduleInfo\" names the module \"%1\", which is not a valid module name").arg(c.module);

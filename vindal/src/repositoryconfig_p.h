@@ -24,7 +24,7 @@ struct RepositoryConfig
     ProxyMode proxyMode = SystemProxy;
     QNetworkProxy proxy;
     QList<QSslCertificate> caCertificates;
-    QString module;                  // "moduleInfo" -> "name"
+    QString module;                  // "moduleInfo" -> "module" (or "name")
     QString pinnedVersion;           // "moduleInfo" -> "version"
     QString storagePath;             // "startDownload" -> "temporaryStoragePath"
     ExtractLimits limits;
