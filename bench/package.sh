@@ -8,6 +8,9 @@
 #   download  corbeth-pack fetch     vs  curl, from nginx on loopback,
 #             a 1 GiB package                                  (target 1.15)
 #
+# Each side runs BENCH_REPEAT times (default 3): the best time counts, and the
+# highest peak memory.
+#
 # Usage: bench/package.sh [build-dir] [create|unpack|download|all]
 # The source tree is ~400 MB / ~6,000 real files copied from /usr; everything
 # lives in one folder under ${TMPDIR:-/tmp} that is removed at the end.
@@ -30,12 +33,21 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# run <name> <command...>: wall seconds and peak resident KiB into $work/<name>.time
+# run <name> <command...>: the best wall seconds of $repeat runs and the
+# highest peak resident KiB of them into $work/<name>.time. Dirty pages left
+# by the previous step are written out first, so neither side pays for them.
+repeat=${BENCH_REPEAT:-3}
 run() {
-    local name=$1; shift
-    # Both sides run with the files in the page cache (they were just written).
-    /usr/bin/time -f "%e %M" -o "$work/$name.time" "$@" >/dev/null 2>"$work/$name.err" \
-        || { echo "$name failed:" >&2; cat "$work/$name.err" >&2; exit 1; }
+    local name=$1 i; shift
+    : > "$work/$name.all"
+    for ((i = 0; i < repeat; ++i)); do
+        [[ -n ${BENCH_BEFORE_EACH:-} ]] && eval "$BENCH_BEFORE_EACH"
+        sync
+        /usr/bin/time -f "%e %M" -o "$work/$name.one" "$@" >/dev/null 2>"$work/$name.err" \
+            || { echo "$name failed:" >&2; cat "$work/$name.err" >&2; exit 1; }
+        cat "$work/$name.one" >> "$work/$name.all"
+    done
+    awk 'NR == 1 || $1 < t { t = $1 } $2 > m { m = $2 } END { print t, m }' "$work/$name.all" > "$work/$name.time"
 }
 
 report() { # <label> <ours> <theirs> <their name> <target>
@@ -74,10 +86,10 @@ bench_create() {
 bench_unpack() {
     make_tree
     [[ -f $work/tree.tolmpkg ]] || "$pack" create "$work/tree" -o "$work/tree.tolmpkg" >/dev/null
-    rm -rf "$work/out-ours" "$work/out-bsdtar"
-    mkdir -p "$work/out-ours" "$work/out-bsdtar"
-    run unpack_ours "$pack" extract "$work/tree.tolmpkg" -C "$work/out-ours"
-    run unpack_bsdtar bsdtar -xf "$work/tree.tolmpkg" -C "$work/out-bsdtar"
+    BENCH_BEFORE_EACH='rm -rf "$work/out-ours" && mkdir "$work/out-ours"' \
+        run unpack_ours "$pack" extract "$work/tree.tolmpkg" -C "$work/out-ours"
+    BENCH_BEFORE_EACH='rm -rf "$work/out-bsdtar" && mkdir "$work/out-bsdtar"' \
+        run unpack_bsdtar bsdtar -xf "$work/tree.tolmpkg" -C "$work/out-bsdtar"
     report unpack unpack_ours unpack_bsdtar bsdtar 1.15
     diff -r "$work/out-ours" "$work/tree" >/dev/null || echo "          WARNING: unpacked tree differs from the source"
     rm -rf "$work/out-ours" "$work/out-bsdtar"
@@ -125,8 +137,10 @@ EOF
     for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
     file=$(cd "$work/repo/modules/big" && ls ./*.tolmpkg | head -1)
     file=${file#./}
-    run download_ours "$pack" fetch --server "http://127.0.0.1:$port" --module big -o "$work/dl-ours"
-    run download_curl curl -sf -o "$work/dl-curl.bin" "http://127.0.0.1:$port/modules/big/$file"
+    BENCH_BEFORE_EACH='rm -rf "$work/dl-ours"' \
+        run download_ours "$pack" fetch --server "http://127.0.0.1:$port" --module big -o "$work/dl-ours"
+    BENCH_BEFORE_EACH='rm -f "$work/dl-curl.bin"' \
+        run download_curl curl -sf -o "$work/dl-curl.bin" "http://127.0.0.1:$port/modules/big/$file"
     report download download_ours download_curl curl 1.15
     cmp -s "$work/dl-curl.bin" "$work/dl-ours/$file" || echo "          WARNING: downloads differ"
 }

@@ -173,7 +173,7 @@ Vindal::Error::ErrorCode Vindaler::waitReply(Vindal::Reply *reply, QVariant &res
     // The reply was made on the service's thread, which kept running after
     // handing it over: it may have finished before the connection existed.
     if (reply->isFinished())
-        handle({{QStringLiteral("errorCode"), int(reply->status())}});
+        handle(reply->result());
     else
         loop.exec();
 

@@ -291,7 +291,7 @@ QVariantMap waitFor(Vindal::Reply *reply)
         loop.quit();
     });
     if (reply->isFinished())
-        answer = {{QStringLiteral("errorCode"), int(reply->status())}};
+        answer = reply->result();
     else
         loop.exec();
     reply->deleteLater();
