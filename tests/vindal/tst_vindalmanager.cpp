@@ -519,6 +519,19 @@ void tst_VindalManager::fileRepository()
     QCOMPARE(download(&manager).value(QStringLiteral("errorCode")).toInt(), 0);
     QCOMPARE(readFile(storedFile()), readFile(m_package));
 
+    // A product's engine configuration file works as it is.
+    const QString product = m_dir.filePath(QStringLiteral("product.json"));
+    QVERIFY(writeFile(product, QStringLiteral("{\"velmira\": {\"repository\": \"%1\", \"proxy\": \"none\"},"
+                                              " \"downloadModuleInfo\": {\"module\": \"app\"}}")
+                                   .arg(QUrl::fromLocalFile(m_repo).toString()).toUtf8()));
+    Reply *reply = manager.setConfigPath(product);
+    QCOMPARE(waitFinished(reply).value(QStringLiteral("errorCode")).toInt(), 0);
+    delete reply;
+    QCOMPARE(manager.packageInfo().value(QStringLiteral("version")).toString(), QStringLiteral("1.2"));
+    reply = manager.setConfigPath(m_dir.filePath(QStringLiteral("missing.json")));
+    QCOMPARE(reply->status(), Error::ConfigError);
+    delete reply;
+
     QCOMPARE(configure(&manager, config(QUrl::fromLocalFile(m_dir.filePath(QStringLiteral("nowhere"))).toString())), 0);
     QCOMPARE(manager.packageInfo(), QVariantMap());
     QCOMPARE(download(&manager).value(QStringLiteral("errorCode")).toInt(), int(Error::NotFound));

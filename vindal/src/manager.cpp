@@ -134,7 +134,17 @@ Reply *Manager::setConfigPath(const QString &path)
     const QJsonDocument doc = QJsonDocument::fromJson(file.read(4 * 1024 * 1024), &error);
     if (!doc.isObject())
         return d->refuse(Error::ConfigError, QStringLiteral("the configuration \"%1\" is not a JSON object: %2").arg(path, error.errorString()));
-    return setConfigData(doc.object().toVariantMap());
+    QVariantMap config = doc.object().toVariantMap();
+    // A product's whole engine configuration: its module service section,
+    // with the module to download, as the engine would hand it over.
+    if (config.value(QStringLiteral("velmira")).type() == QVariant::Map) {
+        const QVariant module = config.contains(QStringLiteral("downloadModueleInfo")) ? config.value(QStringLiteral("downloadModueleInfo"))
+                                                                                        : config.value(QStringLiteral("downloadModuleInfo"));
+        QVariantMap section = config.value(QStringLiteral("velmira")).toMap();
+        section.insert(QStringLiteral("moduleInfo"), module.toMap());
+        config = section;
+    }
+    return setConfigData(config);
 }
 
 Reply *Manager::setConfigData(const QVariantMap &config)
