@@ -23,6 +23,7 @@ namespace {
 struct Item
 {
     QString relative;
+    QByteArray key; // the UTF-8 name, the sort key
     QFileInfo info;
 };
 
@@ -90,11 +91,10 @@ Outcome ArchiveCreator::run(const ProgressCallback &progress)
                                     relative);
         if (info.isFile() && !info.isSymLink())
             total += info.size();
-        items.append(Item{relative, info});
+        items.append(Item{relative, relative.toUtf8(), info});
     }
     // Byte order of the UTF-8 names: the same on every system and locale.
-    std::sort(items.begin(), items.end(),
-              [](const Item &a, const Item &b) { return a.relative.toUtf8() < b.relative.toUtf8(); });
+    std::sort(items.begin(), items.end(), [](const Item &a, const Item &b) { return a.key < b.key; });
 
     QSaveFile out(m_package);
     if (!out.open(QIODevice::WriteOnly))
