@@ -4,8 +4,9 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
-// Runs corbeth-pack as a real process and makes and compares file trees, for
-// the tests of the tool and of the module service adapter.
+// Runs corbeth-pack as a real process, for the tests of the tool and of the
+// module service adapter. Trees, nginx and the fault server come from the
+// library's test support (vindaltest.h).
 class PackTool
 {
 public:
@@ -16,20 +17,12 @@ public:
         QString err;
     };
 
-    static QString program();
     static Run run(const QStringList &arguments);
 
     // A small tree of real files: nested folders, an empty folder, an empty
-    // file, binary content and a file of several MiB.
+    // file, a non-ASCII name and a file of several MiB.
     static bool makeTree(const QString &folder);
-    // Empty when both trees hold the same folders and byte-identical files;
-    // otherwise the first difference.
-    static QString compareTrees(const QString &expected, const QString &actual);
     static QString md5Of(const QString &file);
-
-    // A folder served over http by the nginx of the library's test fixture:
-    // false when the fixture is not running.
-    static bool servedFolder(const QString &name, QString *folder, QString *url);
 };
 
 #endif // CORBETH_TEST_PACKTOOL_H

@@ -336,7 +336,7 @@ int fetch(const QStringList &arguments)
 
     // The same configuration the engine hands over: the remote section with
     // the module to fetch and the download folder.
-    QVariantMap moduleInfo{{QStringLiteral("name"), module}};
+    QVariantMap moduleInfo{{QStringLiteral("module"), module}};
     if (!version.isEmpty())
         moduleInfo.insert(QStringLiteral("version"), version);
     QVariantMap config{
