@@ -105,9 +105,15 @@ bool Vindaler::init(Vindal::Reply *&reply)
     }
     const QVariantMap config = m_config;
     reply = onServiceThread([this, config] { return m_manager->setConfigData(config); });
+    // waitReply leaves a reply that failed at once to its owner; this one has
+    // no other owner, as the download operations only want the verdict.
+    const bool refusedAtOnce = reply && reply->status() != Vindal::Error::NoError;
     QVariant result;
-    if (waitReply(reply, result) != Vindal::Error::NoError)
+    if (waitReply(reply, result) != Vindal::Error::NoError) {
+        if (refusedAtOnce)
+            reply->deleteLater();
         return false;
+    }
     qCDebug(lcCorbeth) << "succeess inited" << m_inited.loadAcquire();
     m_inited.storeRelease(1);
     return true;
