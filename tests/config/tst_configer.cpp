@@ -2,35 +2,47 @@
 #include "testmain.h"
 
 #include "config/configer.h"
+#include "installer/installer.h"
 #include "manager/ptrmanager.h"
+#include "platform/skglobal.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QScopedPointer>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
 
 using namespace Corbeth;
 
 namespace {
-
 const QString velmira = QStringLiteral("velmira");
 const QString tolm = QStringLiteral("tolmInstallerModuleInfo");
 const QString moduleWithE = QStringLiteral("downloadModueleInfo");
 const QString module = QStringLiteral("downloadModuleInfo");
-
-QVariantMap section(const QString &tag)
-{
-    return {{QStringLiteral("tag"), tag}};
-}
-
+QVariantMap section(const char *tag) { return {{QStringLiteral("tag"), QString::fromLatin1(tag)}}; }
+QStringList list(const char *joined) { return QString::fromLatin1(joined).split(QLatin1Char('|')); }
 } // namespace
 
+// The configuration document and the install description read from it.
 class tst_Configer : public QObject
 {
     Q_OBJECT
+    QScopedPointer<SettingsSandbox> m_settings;
     Configer *configer() { return PtrManager::instance()->configer().data(); }
+    Installer *load(const QByteArray &document)
+    {
+        configer()->setConfigData(QJsonDocument::fromJson(document).object().toVariantMap());
+        return PtrManager::instance()->installer().data();
+    }
 
 private slots:
-    void cleanup() { PtrManager::destroyInstance(); }
+    void init() { m_settings.reset(new SettingsSandbox); }
+    void cleanup()
+    {
+        PtrManager::destroyInstance();
+        m_settings.reset();
+    }
 
     // Only a document that already holds the three looked-up sections counts
     // as "same" when sent again: the lookups add the missing keys as nulls.
@@ -38,14 +50,10 @@ private slots:
     {
         QTest::addColumn<QVariantMap>("document");
         QTest::addColumn<bool>("same");
-        QTest::newRow("all three sections") << QVariantMap{{velmira, section(QStringLiteral("v"))},
-                                                           {tolm, section(QStringLiteral("t"))},
-                                                           {moduleWithE, section(QStringLiteral("m"))}}
-                                            << true;
-        QTest::newRow("other spelling only") << QVariantMap{{velmira, section(QStringLiteral("v"))},
-                                                            {tolm, section(QStringLiteral("t"))},
-                                                            {module, section(QStringLiteral("m"))}}
-                                             << false;
+        QTest::newRow("all three sections")
+            << QVariantMap{{velmira, section("v")}, {tolm, section("t")}, {moduleWithE, section("m")}} << true;
+        QTest::newRow("other spelling only")
+            << QVariantMap{{velmira, section("v")}, {tolm, section("t")}, {module, section("m")}} << false;
         QTest::newRow("no sections") << QVariantMap{{QStringLiteral("clearProcess"), QStringList()}} << false;
     }
     void sameDocumentTwice()
@@ -61,27 +69,19 @@ private slots:
         QVERIFY(configer()->configData().contains(moduleWithE));
     }
 
-    void downloadModuleSection_data()
-    {
-        QTest::addColumn<QVariantMap>("document");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("plain spelling") << QVariantMap{{module, section(QStringLiteral("plain"))}}
-                                        << QStringLiteral("plain");
-        QTest::newRow("both: extra e wins") << QVariantMap{{module, section(QStringLiteral("plain"))},
-                                                           {moduleWithE, section(QStringLiteral("extra"))}}
-                                            << QStringLiteral("extra");
-    }
+    // The spelling with the extra "e" wins; the module service gets that section.
     void downloadModuleSection()
     {
-        QFETCH(QVariantMap, document);
-        QFETCH(QString, expected);
-        document.insert(velmira, QVariantMap{{QStringLiteral("moduleInfo"), QStringLiteral("replaced")},
-                                             {QStringLiteral("repository"), QStringLiteral("r")}});
+        QVariantMap service{{QStringLiteral("moduleInfo"), QStringLiteral("replaced")},
+                            {QStringLiteral("repository"), QStringLiteral("r")}};
+        QVariantMap document{{velmira, service}, {module, section("plain")}};
         QCOMPARE(configer()->setConfigData(document), CBEnum::EC_NoError);
-        QCOMPARE(configer()->downloadModuleInfo().value(QStringLiteral("tag")).toString(), expected);
-        const QVariantMap service = configer()->moduleServiceConfig();
-        QCOMPARE(service.value(QStringLiteral("repository")).toString(), QStringLiteral("r"));
-        QCOMPARE(service.value(QStringLiteral("moduleInfo")).toMap(), configer()->downloadModuleInfo());
+        QCOMPARE(configer()->downloadModuleInfo(), section("plain"));
+        document.insert(moduleWithE, section("extra"));
+        QCOMPARE(configer()->setConfigData(document), CBEnum::EC_NoError);
+        QCOMPARE(configer()->downloadModuleInfo(), section("extra"));
+        service.insert(QStringLiteral("moduleInfo"), section("extra"));
+        QCOMPARE(configer()->moduleServiceConfig(), service);
     }
 
     void refusedInputKeepsTheLoadedDocument_data()
@@ -90,35 +90,30 @@ private slots:
         QTest::newRow("missing file") << QByteArray();
         QTest::newRow("not JSON") << QByteArray("{\"install\": ");
         QTest::newRow("JSON array") << QByteArray("[1, 2]");
+        QTest::newRow("empty object") << QByteArray("{}");
     }
     void refusedInputKeepsTheLoadedDocument()
     {
         QFETCH(QByteArray, content);
-        const QVariantMap good{{velmira, section(QStringLiteral("good"))}};
-        QCOMPARE(configer()->setConfigData(good), CBEnum::EC_NoError);
+        QCOMPARE(configer()->setConfigData({{velmira, section("good")}}), CBEnum::EC_NoError);
         const QVariantMap before = configer()->configData();
-
         QTemporaryDir dir;
-        QVERIFY(dir.isValid());
         const QString path = dir.filePath(QStringLiteral("corbeth.json"));
-        if (!content.isEmpty()) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(content);
-        }
+        QFile file(path);
+        QVERIFY(content.isEmpty() || (file.open(QIODevice::WriteOnly) && file.write(content) == content.size()));
+        file.close();
         QSignalSpy changed(configer(), &Configer::configDataChanged);
         LogCapture log;
         QCOMPARE(configer()->setConfigPath(path), CBEnum::EC_FileNotOpen);
         QVERIFY2(log.contains(QStringLiteral("readdddddddd file faillllllllll")), qPrintable(log.dump()));
-        QCOMPARE(changed.count(), 0);
-        QCOMPARE(configer()->configData(), before);
-        QCOMPARE(configer()->velmiraInfo(), section(QStringLiteral("good")));
-
         QCOMPARE(configer()->setConfigData({}), CBEnum::EC_ConfigDataError);
         QVERIFY(log.contains(QStringLiteral("configdata is empty"), QtCriticalMsg));
+        QCOMPARE(changed.count(), 0);
         QCOMPARE(configer()->configData(), before);
+        QCOMPARE(configer()->velmiraInfo(), section("good"));
     }
 
+    // A word is the key without its prefix, first letter in either case; "" is the first value.
     void enumerationWords_data()
     {
         QTest::addColumn<QString>("word");
@@ -138,15 +133,160 @@ private slots:
         QCOMPARE(int(parsed), level);
     }
 
-    // The prefix comes from each enumeration's own first key.
-    void otherEnumerations()
+    // Each fault is logged with the texts of the parts that read it, in order;
+    // a list keeps the entries before its bad one, and the load goes on.
+    void malformedInputIsLoggedAndSkipped_data()
     {
-        CBEnum::DriverType driver;
-        QVERIFY(Configer::strToDriverType(QStringLiteral("3W_V4"), driver));
-        QCOMPARE(driver, CBEnum::DT_3W_V4);
-        ExtraProcess extra;
-        QVERIFY(Configer::strToExtraProcess(QStringLiteral("waitExecOlderUninstall"), extra));
-        QCOMPARE(extra, EP_WaitExecOlderUninstall);
+        QTest::addColumn<QByteArray>("document");
+        QTest::addColumn<QStringList>("logLines");
+        QTest::addColumn<int>("kept"); // entries loaded, over every list and tag
+        const auto row = [](const char *name, const QByteArray &document, const char *logLines, int kept) {
+            QTest::newRow(name) << document << list(logLines) << kept;
+        };
+        const auto process = [](const char *bad) {
+            return R"({"install": {"process": [
+                {"path": "a.exe", "waitTime": 2, "runingTimeout": 30, "extraProcess": ["checkDriver"]},)"
+                + QByteArray(bad) + R"(, {"path": "c.exe", "waitTime": 0, "runingTimeout": -1}],
+                "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\A": {"v": 1}}}})";
+        };
+        row("no waitTime", process(R"({"path": "b", "runingTimeout": 5})"), "configdata error|process driver erorr", 2);
+        row("process not an object", process("7"), "configdata error|process driver erorr", 2);
+        row("unknown level", process(R"({"waitTime": 1, "runingTimeout": 5, "errorLevel": "loud"})"),
+            "error level config fail|process driver erorr", 2);
+        row("unknown extra", process(R"({"waitTime": 1, "runingTimeout": 5, "extraProcess": ["reboot"]})"),
+            "extraProcess config fail|process driver erorr", 2);
+        row("extra not a list", process(R"({"waitTime": 1, "runingTimeout": 5, "extraProcess": "checkDriver"})"),
+            "extraProcess config fail|process driver erorr", 2);
+        row("unknown driver", R"({"install": {"checkDrivers": ["vimba", "nonsense", "turntable"]}})",
+            "str to emun error|check driver erorr", 1);
+        row("level in capitals", R"({"install": {"coverFiles": [{"src": "a", "dest": "b"},
+            {"src": "c", "dest": "d", "errorLevel": "Warn"}, {"src": "e", "dest": "f", "errorLevel": "WARN"},
+            {"src": "g", "dest": "h"}]}})",
+            "error level config fail|cutfiles error", 2);
+        row("links string", R"({"install": {"links": "x"}})", "links  erorr", 0);
+        row("settings array", R"({"install": {"settings": []}})", "settings  erorr", 0);
+        row("coverFiles object", R"({"install": {"coverFiles": {}}})", "cutfiles error", 0);
+        row("drivers string", R"({"install": {"checkDrivers": "vimba"}})", "check driver erorr", 0);
+        row("removeFiles string", R"({"install": {"removeFiles": "a"}})", "configdata error", 0);
+        row("forceInstall string", R"({"install": {"forceInstall": "yes"}})", "configdata error", 0);
+        row("install array", R"({"install": []})", "configdata error", 0);
+        row("older without locator", R"({"install": {"olderSoftwareInfo": {"removeFiles": ["x"]}}})",
+            "settingPath or empty", 0);
+        row("customTag object", R"({"customTag": {}})", "customtag fail", 0);
+        row("customTag without name", R"({"customTag": [{"name": "first"}, {"name": "first", "value": {}},
+            {"value": {"settingPath": "HKLM\\A", "key": "k"}}, {"name": "never"}]})",
+            "not contain name|customtag fail", 1);
+        row("addition number", R"({"additions": {"x": 1}})", "customtag fail", 0);
+    }
+    void malformedInputIsLoggedAndSkipped()
+    {
+        QFETCH(QByteArray, document);
+        QFETCH(QStringList, logLines);
+        QFETCH(int, kept);
+        LogCapture log;
+        Installer *installer = load(document);
+        int at = 0;
+        for (const QString &line : qAsConst(logLines)) {
+            at = log.indexOf(line, at);
+            QVERIFY2(at >= 0, qPrintable(line + QLatin1Char('\n') + log.dump()));
+        }
+        QVERIFY(log.contains(QStringLiteral("init installer success")));
+        const InstallInfoPtr info = installer->installInfo();
+        QCOMPARE(info->process.size() + info->checkDrivers.size() + info->coverFiles.size() + info->links.size()
+                     + info->settings.size() + info->removeFiles.size() + int(info->forceInstall)
+                     + installer->customTags().size() + installer->updateInfo()->coverFiles.size(),
+                 kept);
+        if (!info->process.isEmpty())
+            QCOMPARE(info->process.first().program, QStringLiteral("a.exe"));
+        QCOMPARE(installer->installPath(), QString());
+    }
+
+    void clearProcessKeepsItsValueWhenAbsentOrBroken()
+    {
+        Installer *installer = load(R"({"clearProcess": ["a.exe"]})");
+        load(R"({"clearProcess": 5, "install": {}})");
+        QCOMPARE(installer->clearProcessList(), list("a.exe"));
+        load(R"({"install": {"forceInstall": true}})");
+        QCOMPARE(installer->clearProcessList(), list("a.exe"));
+        QVERIFY(installer->forceInstall());
+    }
+
+    // Fixed variables first, in their order, then custom tags by name.
+    void expansion_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("unknown stays") << QStringLiteral("${nothing}/${installPath}")
+                                       << QStringLiteral("${nothing}//App");
+        QTest::newRow("fixed wins over a tag") << QStringLiteral("${installPath}") << QStringLiteral("/App");
+        QTest::newRow("tag holding a later tag") << QStringLiteral("${a}") << QStringLiteral("B/x");
+        QTest::newRow("tag holding an earlier tag") << QStringLiteral("${z}") << QStringLiteral("${b}");
+        QTest::newRow("program folder") << QStringLiteral("${TolmInstallerPath}/plugins")
+                                        << QCoreApplication::applicationDirPath() + QStringLiteral("/plugins");
+        QTest::newRow("package folder") << QStringLiteral("${installPackagePath}") << QStringLiteral("/downloads");
+    }
+    void expansion()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, expected);
+        const QString tags = QStringLiteral("HKEY_CURRENT_USER\\SOFTWARE\\Tags");
+        const char *const values[][2] = {{"a", "${b}/x"}, {"b", "B"}, {"z", "${b}"}, {"installPath", "/Tag"}};
+        for (const auto &value : values)
+            SKGlobal::instance()->setSettingValue(tags, QLatin1String(value[0]), QLatin1String(value[1]));
+        SKGlobal::instance()->setSettingValue(QStringLiteral("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"),
+                                              QStringLiteral("path"), QStringLiteral("/downloads/product.tolmpkg"));
+        Installer *installer = load(R"({"customTag": [
+            {"name": "a", "value": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Tags", "key": "a"}},
+            {"name": "b", "value": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Tags", "key": "b"}},
+            {"name": "z", "value": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Tags", "key": "z"}},
+            {"name": "installPath", "value": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Tags", "key": "installPath"}}]})");
+        installer->setInstallPath(QStringLiteral("/App"));
+        QCOMPARE(installer->expandPath(text), expected);
+    }
+
+    void additionsAreAddedOnceAndSwitchedOnByName()
+    {
+        Installer *installer = load(R"({
+            "install": {"removeFiles": ["base"], "settings": {"HKLM\\P": {"a": "base", "b": "base"}},
+                        "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKLM\\Old", "key": "k"}}},
+            "additions": {
+                "one": {"install": {"removeFiles": ["one", "base"], "settings": {"HKLM\\P": {"b": "one", "c": "one"}},
+                                    "forceInstall": true}},
+                "two": {"install": {"removeFiles": ["two"],
+                                    "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKLM\\Two", "key": "k"}}},
+                        "uninstall": {"whiteList": ["keep"]}}}})");
+        const InstallInfoPtr parsed = installer->installInfo();
+
+        LogCapture log;
+        QVERIFY(!installer->setCurrentAddtions(list("one|three")));
+        QVERIFY(log.contains(QStringLiteral("total additions not contain ::;"), QtCriticalMsg));
+        QCOMPARE(installer->installInfo(), parsed);
+
+        QVERIFY(installer->setCurrentAddtions(list("one|two")));
+        const InstallInfoPtr merged = installer->installInfo();
+        QCOMPARE(merged->removeFiles, list("one|base|two"));
+        QCOMPARE(merged->settings.size(), 1);
+        QCOMPARE(merged->settings.first().key,
+                 (QVariantMap{{QStringLiteral("a"), QStringLiteral("base")}, {QStringLiteral("b"), QStringLiteral("base")},
+                              {QStringLiteral("c"), QStringLiteral("one")}}));
+        QCOMPARE(merged->olderSoftwareInfo.settingPath, QStringLiteral("HKLM\\Two"));
+        QVERIFY(merged->forceInstall);
+        QCOMPARE(installer->uninstallInfo()->whiteList, list("keep"));
+        QCOMPARE(parsed->removeFiles, list("base")); // the parsed set is untouched
+
+        log.clear();
+        QVERIFY(installer->setCurrentAddtions(list("one|two")));
+        QVERIFY(installer->setCurrentAddtions({}));
+        QCOMPARE(installer->installInfo(), merged);
+        QVERIFY(!log.contains(QStringLiteral("set additions success")));
+
+        // A reload starts again from the parsed set, and names read before are refused.
+        load(R"({"install": {"removeFiles": ["reloaded"]}, "additions": {"two": {}, "four": {}}})");
+        QVERIFY(log.contains(QStringLiteral("addition repetition key:"), QtCriticalMsg));
+        QCOMPARE(installer->installInfo()->removeFiles, list("reloaded"));
+        QVERIFY(installer->setCurrentAddtions(list("two")));
+        QCOMPARE(installer->installInfo()->removeFiles, list("two|reloaded"));
+        QVERIFY(!installer->setCurrentAddtions(list("four")));
     }
 };
 

@@ -9,7 +9,6 @@
 #include "platform/skglobal.h"
 #include "plugins/pluginhelper.h"
 
-#include <QtCore/QDir>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
 
