@@ -85,11 +85,6 @@ http {
     server {
         listen 127.0.0.1:$http;
         root $dir/www;
-        # The same files, slowly enough to interrupt a transfer half-way.
-        location /slow/ {
-            alias $dir/www/;
-            limit_rate 256k;
-        }
     }
     server {
         listen 127.0.0.1:$https ssl;

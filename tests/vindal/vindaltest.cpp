@@ -4,14 +4,8 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
-#include <QtCore/QFile>
-#include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtCore/QSaveFile>
-#include <QtNetwork/QNetworkAccessManager>
-#include <QtNetwork/QNetworkProxy>
-#include <QtNetwork/QNetworkReply>
 #include <QtTest/QSignalSpy>
 
 #include <filesystem>
@@ -47,18 +41,14 @@ QByteArray readFile(const QString &path)
 QMap<QString, QByteArray> snapshot(const QString &folder)
 {
     QMap<QString, QByteArray> tree;
-    const QDir root(folder);
     QDirIterator it(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
     while (it.hasNext()) {
-        it.next();
-        const QFileInfo info = it.fileInfo();
-        const QString relative = root.relativeFilePath(info.absoluteFilePath());
+        const QFileInfo info(it.next());
+        const QString relative = QDir(folder).relativeFilePath(info.absoluteFilePath());
         if (info.isSymLink())
-            tree.insert(relative, "-> " + QByteArray::fromStdString(std::filesystem::read_symlink(QFile::encodeName(info.absoluteFilePath()).toStdString()).string()));
-        else if (info.isDir())
-            tree.insert(relative, "<dir>");
+            tree.insert(relative, "-> " + QByteArray::fromStdString(std::filesystem::read_symlink(QFile::encodeName(it.filePath()).toStdString())));
         else
-            tree.insert(relative, readFile(info.absoluteFilePath()));
+            tree.insert(relative, info.isDir() ? QByteArray("<dir>") : readFile(info.absoluteFilePath()));
     }
     return tree;
 }
@@ -74,50 +64,30 @@ QVariantMap waitFinished(Vindal::Reply *reply, int timeoutMs)
 bool Nginx::load()
 {
     const QString dir = QStringLiteral(VINDAL_NGINX_DIR);
-    QFile ports(dir + QLatin1String("/ports.json"));
-    if (!ports.open(QIODevice::ReadOnly))
-        return false;
-    const QJsonObject object = QJsonDocument::fromJson(ports.readAll()).object();
-    http = object.value(QStringLiteral("http")).toInt();
-    https = object.value(QStringLiteral("https")).toInt();
-    www = dir + QLatin1String("/www");
-    caFile = dir + QLatin1String("/tls/ca.pem");
-    accessLog = dir + QLatin1String("/logs/access.log");
+    const QJsonObject ports = QJsonDocument::fromJson(readFile(dir + "/ports.json"_s)).object();
+    http = ports.value("http"_s).toInt();
+    https = ports.value("https"_s).toInt();
+    www = dir + "/www"_s;
+    caFile = dir + "/tls/ca.pem"_s;
+    accessLog = dir + "/logs/access.log"_s;
     return http > 0 && https > 0;
 }
 
 FaultServer::~FaultServer()
 {
-    if (m_process.state() != QProcess::NotRunning) {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
+    m_process.kill();
+    m_process.waitForFinished(5000);
 }
 
 bool FaultServer::start(const QString &folder)
 {
+    m_log = folder + ".faultlog"_s;
+    m_process.setStandardErrorFile(m_log);
     m_process.start(QStringLiteral(VINDAL_FAULTSERVER), {folder});
     if (!m_process.waitForStarted(5000) || !m_process.waitForReadyRead(5000))
         return false;
     m_port = m_process.readLine().trimmed().toInt();
     return m_port > 0;
-}
-
-QString FaultServer::url(const QString &fault) const
-{
-    return QStringLiteral("http://127.0.0.1:%1/%2/").arg(m_port).arg(fault);
-}
-
-QByteArray FaultServer::log() const
-{
-    QNetworkAccessManager network;
-    network.setProxy(QNetworkProxy::NoProxy);
-    QNetworkReply *reply = network.get(QNetworkRequest(QUrl(QStringLiteral("http://127.0.0.1:%1/_log").arg(m_port))));
-    QSignalSpy spy(reply, &QNetworkReply::finished);
-    spy.wait(5000);
-    const QByteArray log = reply->readAll();
-    delete reply;
-    return log;
 }
 
 } // namespace VindalTest

@@ -1,10 +1,8 @@
 #ifndef VINDAL_TEST_VINDALTEST_H
 #define VINDAL_TEST_VINDALTEST_H
 
-#include <QtCore/QByteArray>
 #include <QtCore/QMap>
 #include <QtCore/QProcess>
-#include <QtCore/QString>
 #include <QtCore/QVariantMap>
 
 namespace Vindal {
@@ -12,6 +10,11 @@ class Reply;
 }
 
 namespace VindalTest {
+
+inline QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size));
+}
 
 // The same bytes for the same seed, so failures can be reproduced.
 QByteArray pseudoRandom(int size, quint32 seed);
@@ -36,17 +39,19 @@ struct Nginx
     bool load();
 };
 
-// vindal-faultserver serving a folder; stopped when destroyed.
+// vindal-faultserver serving a folder; stopped when destroyed. Its log (the
+// requests it received) is written beside the folder.
 class FaultServer
 {
 public:
     ~FaultServer();
     bool start(const QString &folder);
-    QString url(const QString &fault) const;
-    QByteArray log() const;
+    QString url(const QString &fault) const { return "http://127.0.0.1:%1/%2/"_s.arg(m_port).arg(fault); }
+    QByteArray log() const { return readFile(m_log); }
 
 private:
     QProcess m_process;
+    QString m_log;
     int m_port = 0;
 };
 
