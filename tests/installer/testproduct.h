@@ -4,6 +4,7 @@
 #include "config/configer.h"
 #include "installer/installer.h"
 #include "manager/ptrmanager.h"
+#include "sandbox.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -12,7 +13,6 @@
 #include <QtCore/QProcess>
 #include <QtTest/QTest>
 
-// Helpers shared by the installer's tests.
 namespace TestProduct {
 
 inline QString operator""_s(const char *text, size_t size)
@@ -39,8 +39,6 @@ inline QVariantMap fromJson(const QByteArray &json)
     return QJsonDocument::fromJson(json).toVariant().toMap();
 }
 
-// The configuration is given the way a client gives it; the document is
-// written as JSON for readability.
 inline void configure(const QByteArray &json)
 {
     Corbeth::PtrManager::instance()->configer()->setConfigData(fromJson(json));
@@ -56,8 +54,8 @@ inline Corbeth::Installer *installer()
 inline QString uniqueHelper(const QString &dir, const QString &stem)
 {
     const QString path = dir + QStringLiteral("/%1-%2").arg(stem).arg(QCoreApplication::applicationPid());
-    QFile::copy(QStringLiteral(CORBETH_TEST_HELPER), path);
-    QFile::setPermissions(path, QFile::permissions(QStringLiteral(CORBETH_TEST_HELPER)));
+    QFile::copy(testHelperPath(), path);
+    QFile::setPermissions(path, QFile::permissions(testHelperPath()));
     return path;
 }
 

@@ -1,7 +1,6 @@
 // The four operations end to end on a small example product, and every way
 // each of them can fail.
 #include "manager/metatypes_p.h"
-#include "platform/processcloser.h"
 #include "platform/skglobal.h"
 
 #include "logcapture.h"
@@ -9,7 +8,6 @@
 #include "testproduct.h"
 
 #include <QtCore/QTemporaryDir>
-#include <QtCore/QThread>
 
 #include <atomic>
 #include <cstdio>
@@ -24,6 +22,12 @@ namespace {
 const QString kUninstallKey = "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Demo"_s;
 
 const QByteArray kMissingFiles = R"({"coverFiles": [{"src": "/nowhere/x", "dest": "/nowhere/y"}]})";
+QByteArray missingFiles(const char *section)
+{
+    return QByteArray("{\"") + section + "\": " + kMissingFiles + "}";
+}
+
+const QByteArray kMissingDriver = R"({"install": {"checkDrivers": ["vimba"]}})";
 
 // The example product's description. %1 is the test folder, %2 the helper
 // program; the package is unpacked into ${installPath}/package beforehand, as
@@ -75,21 +79,21 @@ private slots:
         QCoreApplication::sendPostedEvents();
         m_events.clear();
         Installer *engine = installer();
-        connect(engine, &Installer::progress, this, [this](double p) { m_events << QStringLiteral("progress %1").arg(p); });
+        connect(engine, &Installer::progress, this, [this](double p) { m_events << "progress %1"_s.arg(p); });
         connect(engine, &Installer::installPackageFinished, this, [this] { m_events << "installPackageFinished"_s; });
         connect(engine, &Installer::uninstallPackageFinished, this, [this] { m_events << "uninstallPackageFinished"_s; });
         connect(engine, &Installer::errorOccurred, this,
-                [this](CBEnum::ErrorCode code) { m_events << QStringLiteral("error %1").arg(code, 0, 16); });
+                [this](CBEnum::ErrorCode code) { m_events << "error %1"_s.arg(code, 0, 16); });
         QVERIFY(m_dir.isValid());
         QDir(m_dir.path()).removeRecursively();
         m_inst = m_dir.filePath("inst"_s);
         writeFile(m_dir.filePath("neighbour/keep.txt"_s), "neighbour");
         writeFile(m_dir.filePath("patch/demo"_s), "demo 2.1");
         unpack("1.0");
-        QDir().mkpath(m_dir.filePath("links"_s));
+        writeFile(m_dir.filePath("links/Demo.lnk"_s), "replaced by the install");
     }
 
-    void cleanup() { QFile::remove(QDir::temp().filePath(QStringLiteral("corbeth-cleanup-%1").arg(QCoreApplication::applicationPid()))); }
+    void cleanup() { QFile::remove(QDir::temp().filePath("corbeth-cleanup-%1"_s.arg(QCoreApplication::applicationPid()))); }
 
     void wholeLifecycle()
     {
@@ -101,28 +105,28 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(m_events.contains("installPackageFinished"_s), 30000);
         QCOMPARE(m_events, (QStringList{"progress 30"_s, "progress 40"_s, "progress 70"_s, "progress 85"_s,
                                         "installPackageFinished"_s}));
-        QCOMPARE(readFile(m_inst + QLatin1String("/bin/demo")), QByteArray("demo 1.0"));
-        QCOMPARE(readFile(m_inst + QLatin1String("/config.ini")), QByteArray("[demo]"));
-        QVERIFY(QFile::exists(m_inst + QLatin1String("/process-ran")));
-        QCOMPARE(QFileInfo(m_dir.filePath("links/Demo.lnk"_s)).symLinkTarget(), m_inst + QLatin1String("/bin/demo"));
+        QCOMPARE(readFile(inst("bin/demo")), QByteArray("demo 1.0"));
+        QCOMPARE(readFile(inst("config.ini")), QByteArray("[demo]"));
+        QVERIFY(QFile::exists(inst("process-ran")));
+        QCOMPARE(QFileInfo(m_dir.filePath("links/Demo.lnk"_s)).symLinkTarget(), inst("bin/demo"));
         SKGlobal *global = SKGlobal::instance();
         QCOMPARE(global->settingValue(kUninstallKey, "DisplayName"_s).toString(), "Demo"_s);
         const QVariantMap record
             = global->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"_s, "UninstallObj"_s).toMap();
         const QVariantMap entry = record.value(kUninstallKey.mid(5)).toMap();
         QCOMPARE(entry.value("installPath"_s).toString(), m_inst);
-        QCOMPARE(entry.value("tolmInstallPath"_s).toString(), m_inst + QLatin1String("/corbeth-cleanup"));
+        QCOMPARE(entry.value("tolmInstallPath"_s).toString(), inst("corbeth-cleanup"));
 
         // The user's own files, one of them white-listed by the update only.
-        writeFile(m_inst + QLatin1String("/data/user.cfg"), QByteArray("user\0bytes\n", 11));
-        writeFile(m_inst + QLatin1String("/data/notes.txt"), "notes");
+        writeFile(inst("data/user.cfg"), QByteArray("user\0bytes\n", 11));
+        writeFile(inst("data/notes.txt"), "notes");
 
         // Update: the uninstall half, a new package unpacked, then the update itself.
         m_events.clear();
         QVERIFY(installer()->uninstallPackage("update"_s));
         QCOMPARE(m_events.last(), "uninstallPackageFinished"_s);
-        QCOMPARE(readFile(m_inst + QLatin1String("/data/notes.txt")), QByteArray("notes"));
-        QVERIFY(!QFile::exists(m_inst + QLatin1String("/bin/demo")));
+        QCOMPARE(readFile(inst("data/notes.txt")), QByteArray("notes"));
+        QVERIFY(!QFile::exists(inst("bin/demo")));
         QVERIFY(!global->settingValue(kUninstallKey, "DisplayName"_s).isValid());
         unpack("2.0");
         installer()->setOlderInstallPath(m_inst);
@@ -130,15 +134,15 @@ private slots:
         QVERIFY(installer()->update());
         QCOMPARE(m_events.count("installPackageFinished"_s), 1);
         QCOMPARE(m_events.last(), "progress 100"_s);
-        QCOMPARE(readFile(m_inst + QLatin1String("/bin/demo")), QByteArray("demo 2.0"));
-        QCOMPARE(readFile(m_inst + QLatin1String("/CHANGES.txt")), QByteArray("changes 2.0"));
-        QVERIFY(!QFile::exists(m_inst + QLatin1String("/data/old.txt")));
+        QCOMPARE(readFile(inst("bin/demo")), QByteArray("demo 2.0"));
+        QCOMPARE(readFile(inst("CHANGES.txt")), QByteArray("changes 2.0"));
+        QVERIFY(!QFile::exists(inst("data/old.txt")));
 
         // Patch.
         QVERIFY(installer()->updatePatch());
-        QCOMPARE(readFile(m_inst + QLatin1String("/bin/demo")), QByteArray("demo 2.1"));
-        QVERIFY(QFile::exists(m_inst + QLatin1String("/patched")));
-        QVERIFY(!QFile::exists(m_inst + QLatin1String("/data/changes.txt")));
+        QCOMPARE(readFile(inst("bin/demo")), QByteArray("demo 2.1"));
+        QVERIFY(QFile::exists(inst("patched")));
+        QVERIFY(!QFile::exists(inst("data/changes.txt")));
 
         // Uninstall: only the white-listed file stays, byte for byte, and nothing outside is touched.
         m_events.clear();
@@ -147,61 +151,115 @@ private slots:
                                         "progress 50"_s, "progress 60"_s, "progress 80"_s, "progress 99"_s,
                                         "uninstallPackageFinished"_s}));
         QVERIFY(QFile::exists(m_dir.filePath("uninstall-ran"_s)));
-        QCOMPARE(readFile(m_inst + QLatin1String("/data/user.cfg")), QByteArray("user\0bytes\n", 11));
-        QVERIFY(!QFile::exists(m_inst + QLatin1String("/bin")));
+        QCOMPARE(readFile(inst("data/user.cfg")), QByteArray("user\0bytes\n", 11));
+        QVERIFY(!QFile::exists(inst("bin")));
         QCOMPARE(readFile(m_dir.filePath("neighbour/keep.txt"_s)), QByteArray("neighbour"));
     }
 
-    void installFailures_data()
+    // Failures that end the operation at once. An operation returns true only
+    // when it goes on (the install reports from its pool thread).
+    void failures_data()
     {
-        QTest::addColumn<QByteArray>("change");
-        QTest::addColumn<bool>("callbackFails");
+        QTest::addColumn<QString>("operation");
+        QTest::addColumn<QByteArray>("change"); // null: never configured
+        QTest::addColumn<int>("callback");
+        QTest::addColumn<bool>("installed"); // cleanup tool in place, older install path set
         QTest::addColumn<QString>("log");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("callback") << QByteArray("{}") << true << "call back fail EC_UnknownError"_s << "error 5103"_s;
-        QTest::newRow("driver") << QByteArray(R"({"install": {"checkDrivers": ["vimba"]}})") << false
-                                << "dirver not exist"_s << "error 5121"_s;
-        QTest::newRow("cover files") << QByteArray(R"({"install": )" + kMissingFiles + "}") << false
-                                     << "cut file error"_s << "error 5120"_s;
+        QTest::addColumn<QString>("errors");
+        QTest::addColumn<int>("finished");
+        const QByteArray none = "{}";
+        const int unknown = CBEnum::EC_UnknownError;
+        const int notOpen = CBEnum::EC_FileNotOpen;
+        QTest::newRow("install: callback") << "install"_s << none << unknown << true << "call back fail EC_UnknownError"_s
+                                           << "error 5103"_s << 0;
+        QTest::newRow("install: driver") << "install"_s << kMissingDriver << 0 << true << "dirver not exist"_s
+                                         << "error 5121"_s << 0;
+        QTest::newRow("install: cover files") << "install"_s << missingFiles("install") << 0 << true << "cut file error"_s
+                                              << "error 5120"_s << 0;
+        QTest::newRow("uninstall: no cleanup tool") << "uninstall"_s << none << 0 << false
+                                                    << "copy suicide tool exe fail"_s << "error 5103"_s << 0;
+        QTest::newRow("uninstall: callback") << "uninstall"_s << none << notOpen << true
+                                             << "call back error EC_FileNotOpen"_s << "error 5120"_s << 0;
+        QTest::newRow("uninstall: cover files") << "uninstall"_s << missingFiles("uninstall") << 0 << true
+                                                << "cut file error"_s << "error 5120"_s << 0;
+        QTest::newRow("update: not configured") << "update"_s << QByteArray() << 0 << true << "not init"_s << ""_s << 0;
+        QTest::newRow("patch: not configured") << "patch"_s << QByteArray() << 0 << true << "m_updatePatchInfo not init"_s
+                                               << ""_s << 0;
+        QTest::newRow("update: not installed") << "update"_s << none << 0 << false << "not install software"_s
+                                               << "error 511f"_s << 0;
+        QTest::newRow("patch: not installed") << "patch"_s << none << 0 << false << "not install software"_s
+                                              << "error 511f"_s << 0;
+        QTest::newRow("update goes on after failed files") << "update"_s << missingFiles("update") << 0 << true
+                                                           << "cut file error"_s << "error 5120"_s << 1;
     }
 
-    void installFailures()
+    void failures()
     {
+        QFETCH(QString, operation);
         QFETCH(QByteArray, change);
-        QFETCH(bool, callbackFails);
+        QFETCH(int, callback);
+        QFETCH(bool, installed);
         QFETCH(QString, log);
-        QFETCH(QString, error);
-        configureProduct(change);
-        if (callbackFails)
-            installer()->setInstallCallback([] { return CBEnum::EC_UnknownError; });
+        QFETCH(QString, errors);
+        QFETCH(int, finished);
+        if (!change.isNull())
+            configureProduct(change);
+        if (callback)
+            installer()->setInstallCallback([callback] { return CBEnum::ErrorCode(callback); });
+        if (installed) {
+            QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), inst("corbeth-cleanup")));
+            installer()->setOlderInstallPath(m_inst);
+        }
         LogCapture logs;
-        QVERIFY(installer()->installPackage());
-        QTRY_VERIFY_WITH_TIMEOUT(logs.contains("install fail"_s, QtCriticalMsg), 30000);
+        QCOMPARE(run(operation), operation == "install"_s || finished > 0);
+        if (operation == "install"_s)
+            QTRY_VERIFY_WITH_TIMEOUT(logs.contains("install fail"_s, QtCriticalMsg), 30000);
         QVERIFY2(logs.contains(log, QtCriticalMsg), qPrintable(logs.dump()));
         // The signal crosses from the pool thread, so it may arrive after the log line.
-        QTRY_COMPARE(m_events.filter("error"_s), QStringList{error});
-        QVERIFY(!m_events.contains("installPackageFinished"_s));
+        QTRY_COMPARE(m_events.filter("error"_s).join(QLatin1Char(',')), errors);
+        QCOMPARE(m_events.count("installPackageFinished"_s) + m_events.count("uninstallPackageFinished"_s), finished);
+        QVERIFY(QFile::exists(inst("package/bin/demo"))); // nothing removed
     }
 
-    void installProcessFailureWaitsForEver()
+    // Failures after which the operation waits for ever: one error, no
+    // finished signal, and the failing step is never passed.
+    void waitsForEver_data()
     {
-        // The parked pool thread would hold up the test program's exit, so the
-        // install runs in a child copy of this program that leaves without waiting.
+        QTest::addColumn<QString>("operation");
+        QTest::addColumn<QByteArray>("change");
+        QTest::addColumn<QString>("log");
+        QTest::addColumn<QString>("result"); // errors|finished signals|lines of log|returned
+        QTest::newRow("install process") << "install"_s << QStringLiteral(R"({"install": {"process": [{"path": "%1",
+            "arg": ["--exit", "1"], "waitTime": 0, "runingTimeout": 30, "extraProcess": ["checkDriver"]}]}})")
+                                                               .arg(testHelperPath()).toUtf8()
+                                         << "install error process exe "_s << "error 5121|0|1|1"_s;
+        QTest::newRow("update install") << "update"_s << kMissingDriver << "installl fail"_s << "error 5121|0|1|0"_s;
+        QTest::newRow("patch files") << "patch"_s << missingFiles("updatePatch")
+                                     << "cut file error"_s << "error 5120|0|1|0"_s;
+    }
+
+    void waitsForEver()
+    {
+        // A parked thread would hold up the test program's exit, so the
+        // operation runs in a child copy of this program that leaves without waiting.
         if (isChild()) {
-            configureProduct(QStringLiteral(R"({"install": {"process": [{"path": "%1", "arg": ["--exit", "1"],
-                "waitTime": 0, "runingTimeout": 30, "extraProcess": ["checkDriver"]}]}})")
-                                 .arg(testHelperPath())
-                                 .toUtf8());
+            QFETCH(QString, operation);
+            QFETCH(QByteArray, change);
+            QFETCH(QString, log);
+            configureProduct(change);
+            installer()->setOlderInstallPath(m_inst);
             LogCapture logs;
-            installer()->installPackage();
-            (void)QTest::qWaitFor([this] { return !m_events.isEmpty(); }, 30000);
+            std::atomic<bool> returned{false};
+            std::thread([&] {
+                run(operation);
+                returned = true;
+            }).detach();
+            (void)QTest::qWaitFor([this] { return !m_events.filter("error"_s).isEmpty(); }, 30000);
             QTest::qWait(4000);
-            leaveChild(QStringLiteral("%1|%2|%3").arg(m_events.join(QLatin1Char(',')))
-                           .arg(logs.count("install error process exe "_s))
-                           .arg(logs.count("install fail"_s) - logs.count("driver install fail"_s)));
+            leaveChild("%1|%2|%3|%4"_s.arg(m_events.filter("error"_s).join(QLatin1Char(',')))
+                           .arg(m_events.count("installPackageFinished"_s)).arg(logs.count(log)).arg(int(returned)));
         }
-        // One error, no finished signal, and the install never got past the process step.
-        QCOMPARE(runChild(QString::fromLatin1(QTest::currentTestFunction())), "error 5121|1|0"_s);
+        QTEST(runChild("waitsForEver:"_s + QString::fromLatin1(QTest::currentDataTag())), "result");
     }
 
     void clearProcessFailure()
@@ -209,13 +267,13 @@ private slots:
         // A program that cannot be ended: one of another user. Only the
         // administrator can set that up, running the engine as nobody.
         if (isChild()) {
-            configureProduct(QStringLiteral(R"({"clearProcess": ["%1"]})").arg(qEnvironmentVariable("CLEAR_NAME")).toUtf8());
+            configureProduct("{\"clearProcess\": [\"" + qgetenv("CLEAR_NAME") + "\"]}");
             installer()->setOlderInstallPath(m_inst);
             LogCapture logs;
             const bool uninstalled = installer()->uninstallPackage("uninstall"_s);
             const bool patched = installer()->updatePatch();
-            leaveChild(QStringLiteral("%1|%2|%3|%4").arg(uninstalled).arg(patched)
-                           .arg(logs.count("clear runing exe fail"_s)).arg(m_events.join(QLatin1Char(','))));
+            leaveChild("%1|%2|%3|%4"_s.arg(uninstalled).arg(patched).arg(logs.count("clear runing exe fail"_s))
+                           .arg(m_events.join(QLatin1Char(','))));
         }
         if (!SKGlobal::instance()->isProcessElevated())
             QSKIP("needs to start a process that the engine, run as another user, cannot end");
@@ -223,137 +281,33 @@ private slots:
         QProcess unclosable;
         unclosable.start(helper, {"--sleep"_s, "60000"_s});
         QVERIFY(unclosable.waitForStarted());
-        const QString result = runChild(QString::fromLatin1(QTest::currentTestFunction()),
-                                        {{"CLEAR_NAME"_s, QFileInfo(helper).fileName()}}, true);
+        qputenv("CLEAR_NAME", QFileInfo(helper).fileName().toUtf8());
+        const QString result = runChild("clearProcessFailure"_s, true);
         unclosable.kill();
         unclosable.waitForFinished();
         QFile::remove(helper);
         QCOMPARE(result, "0|0|2|progress 10,error 5103,error 5103"_s);
     }
 
-    void uninstallFailures_data()
-    {
-        QTest::addColumn<QString>("failure");
-        QTest::addColumn<QString>("log");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("no cleanup tool") << "tool"_s << "copy suicide tool exe fail"_s << "error 5103"_s;
-        QTest::newRow("callback") << "callback"_s << "call back error EC_FileNotOpen"_s << "error 5120"_s;
-        QTest::newRow("cover files") << "cover"_s << "cut file error"_s << "error 5120"_s;
-    }
-
-    void uninstallFailures()
-    {
-        QFETCH(QString, failure);
-        QFETCH(QString, log);
-        QFETCH(QString, error);
-        configureProduct(failure == QLatin1String("cover") ? QByteArray(R"({"uninstall": )" + kMissingFiles + "}")
-                                                           : QByteArray("{}"));
-        if (failure != QLatin1String("tool"))
-            QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), m_inst + QLatin1String("/corbeth-cleanup")));
-        if (failure == QLatin1String("callback"))
-            installer()->setInstallCallback([] { return CBEnum::EC_FileNotOpen; });
-        LogCapture logs;
-        QVERIFY(!installer()->uninstallPackage("uninstall"_s));
-        QVERIFY2(logs.contains(log, QtCriticalMsg), qPrintable(logs.dump()));
-        QCOMPARE(m_events.filter("error"_s), QStringList{error});
-        QVERIFY(!m_events.contains("uninstallPackageFinished"_s));
-        QVERIFY(QFile::exists(m_inst + QLatin1String("/package/bin/demo"))); // nothing removed
-    }
-
-    void updateAndPatchRefusals_data()
-    {
-        QTest::addColumn<bool>("patch");
-        QTest::addColumn<bool>("configured");
-        QTest::addColumn<QString>("log");
-        QTest::addColumn<QStringList>("events");
-        QTest::newRow("update not configured") << false << false << "not init"_s << QStringList();
-        QTest::newRow("patch not configured") << true << false << "m_updatePatchInfo not init"_s << QStringList();
-        QTest::newRow("update without install") << false << true << "not install software"_s
-                                                << QStringList{"error 511f"_s};
-        QTest::newRow("patch without install") << true << true << "not install software"_s
-                                               << QStringList{"error 511f"_s};
-    }
-
-    void updateAndPatchRefusals()
-    {
-        QFETCH(bool, patch);
-        QFETCH(bool, configured);
-        QFETCH(QString, log);
-        QFETCH(QStringList, events);
-        if (configured)
-            configureProduct();
-        Installer fresh; // never configured
-        Installer *engine = configured ? installer() : &fresh;
-        LogCapture logs;
-        QVERIFY(!(patch ? engine->updatePatch() : engine->update()));
-        QVERIFY2(logs.contains(log, QtCriticalMsg), qPrintable(logs.dump()));
-        QCOMPARE(m_events, events);
-    }
-
-    void updateGoesOnAfterFailedFiles()
-    {
-        configureProduct(R"({"update": )" + kMissingFiles + "}");
-        installer()->setOlderInstallPath(m_inst);
-        LogCapture logs;
-        QVERIFY(installer()->update());
-        QVERIFY(logs.contains("cut file error"_s));
-        QCOMPARE(m_events.filter("error"_s), QStringList{"error 5120"_s});
-        QCOMPARE(m_events.count("installPackageFinished"_s), 1);
-    }
-
-    void waitsForEver_data()
-    {
-        QTest::addColumn<bool>("patch");
-        QTest::addColumn<QByteArray>("change");
-        QTest::addColumn<QString>("log");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("update install fails") << false << QByteArray(R"({"install": {"checkDrivers": ["vimba"]}})")
-                                              << "installl fail"_s << "error 5121"_s;
-        QTest::newRow("patch files fail") << true << QByteArray(R"({"updatePatch": )" + kMissingFiles + "}")
-                                          << "cut file error"_s << "error 5120"_s;
-    }
-
-    void waitsForEver()
-    {
-        QFETCH(bool, patch);
-        QFETCH(QByteArray, change);
-        QFETCH(QString, log);
-        QFETCH(QString, error);
-        configureProduct(change);
-        installer()->setOlderInstallPath(m_inst);
-        LogCapture logs;
-        // The operation parks its calling thread, so it gets one of its own.
-        std::atomic<QThread *> caller{nullptr};
-        std::atomic<bool> returned{false};
-        std::thread thread([&] {
-            caller = QThread::currentThread();
-            patch ? installer()->updatePatch() : installer()->update();
-            returned = true;
-        });
-        QTRY_VERIFY_WITH_TIMEOUT(m_events.contains(error), 30000);
-        QTRY_VERIFY(logs.contains(log));
-        QTest::qWait(3000);
-        const bool parked = !returned;
-        const QStringList events = m_events;
-        caller.load()->exit(); // let it go so the test program can end
-        thread.join();
-        QVERIFY(parked);
-        QCOMPARE(events.filter("error"_s), QStringList{error});
-        QVERIFY(!events.contains("installPackageFinished"_s));
-    }
-
 private:
     static bool isChild() { return qEnvironmentVariableIsSet("CORBETH_CHILD"); }
 
-    // Runs test function in a child copy of this program (as the user nobody
+    bool run(const QString &operation)
+    {
+        if (operation == "install"_s)
+            return installer()->installPackage();
+        if (operation == "uninstall"_s)
+            return installer()->uninstallPackage("uninstall"_s);
+        return operation == "update"_s ? installer()->update() : installer()->updatePatch();
+    }
+
+    // Runs a test function in a child copy of this program (as the user nobody
     // when asNobody) and returns what it reported.
-    QString runChild(const QString &function, const QMap<QString, QString> &vars = {}, bool asNobody = false)
+    QString runChild(const QString &function, bool asNobody = false)
     {
         QProcess child;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("CORBETH_CHILD"_s, "1"_s);
-        for (auto it = vars.cbegin(); it != vars.cend(); ++it)
-            env.insert(it.key(), it.value());
         child.setProcessEnvironment(env);
         QStringList args{QCoreApplication::applicationFilePath(), function};
         if (asNobody)
@@ -363,9 +317,7 @@ private:
             child.kill();
         const QByteArray output = child.readAllStandardOutput();
         const int at = output.indexOf("RESULT ");
-        if (at < 0)
-            return QString::fromUtf8(output);
-        return QString::fromUtf8(output.mid(at + 7, output.indexOf('\n', at) - at - 7));
+        return QString::fromUtf8(at < 0 ? output : output.mid(at + 7, output.indexOf('\n', at) - at - 7));
     }
 
     // Reports to the parent and ends at once, without waiting for parked threads.
@@ -378,22 +330,21 @@ private:
         std::_Exit(0);
     }
 
+    QString inst(const char *relative) const { return m_inst + QLatin1Char('/') + QLatin1String(relative); }
+
     void unpack(const char *version)
     {
-        const QString package = m_inst + QLatin1String("/package");
-        writeFile(package + QLatin1String("/bin/demo"), QByteArray("demo ") + version);
-        writeFile(package + QLatin1String("/data/changes.txt"), QByteArray("changes ") + version);
-        writeFile(package + QLatin1String("/data/old.txt"), "old");
-        writeFile(package + QLatin1String("/config/default.ini"), "[demo]");
-        QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), package + QLatin1String("/corbeth-cleanup"));
+        writeFile(inst("package/bin/demo"), QByteArray("demo ") + version);
+        writeFile(inst("package/data/changes.txt"), QByteArray("changes ") + version);
+        writeFile(inst("package/data/old.txt"), "old");
+        writeFile(inst("package/config/default.ini"), "[demo]");
+        QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), inst("package/corbeth-cleanup"));
     }
 
-    // The product's description with the sections of overrides merged in,
-    // key by key.
+    // The product's description with the sections of overrides merged in, key by key.
     void configureProduct(const QByteArray &overrides = "{}")
     {
-        QVariantMap document
-            = fromJson(QString::fromUtf8(kProduct).arg(m_dir.path(), testHelperPath()).toUtf8());
+        QVariantMap document = fromJson(QString::fromUtf8(kProduct).arg(m_dir.path(), testHelperPath()).toUtf8());
         const QVariantMap changes = fromJson(overrides);
         for (auto it = changes.cbegin(); it != changes.cend(); ++it) {
             QVariantMap section = document.value(it.key()).toMap();

@@ -1,5 +1,6 @@
-// The steps around the operations: closing programs, drivers, older software,
-// the cleanup tool and the offline package.
+// The installer's steps one by one: files, white list, settings, the process
+// step, the progress rule, closing programs, drivers, older software, the
+// cleanup tool and the offline package.
 #include "platform/processcloser.h"
 #include "platform/skglobal.h"
 
@@ -7,35 +8,273 @@
 #include "testmain.h"
 #include "testproduct.h"
 
+#include <QtCore/QDirIterator>
 #include <QtCore/QTemporaryDir>
+#include <QtTest/QSignalSpy>
 
 using namespace Corbeth;
 using namespace TestProduct;
+
+Q_DECLARE_METATYPE(ProcessHelper)
+
+namespace {
+
+// Every file below dir, relative to it, sorted.
+QStringList filesBelow(const QString &dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files << QDir(dir).relativeFilePath(it.next());
+    files.sort();
+    return files;
+}
+
+ProcessHelper helperItem(ErrorLevel level, const QStringList &args, int timeout = 30,
+                         const QList<ExtraProcess> &extra = {})
+{
+    return {level, testHelperPath(), args, extra, 0, timeout};
+}
+
+} // namespace
 
 class TestInstallerSteps : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void init() { QVERIFY(m_dir.isValid()); }
+    void init()
+    {
+        QVERIFY(m_dir.isValid());
+        m_installer.setInstallPath(m_dir.path());
+        QDir(m_dir.path()).removeRecursively();
+        QDir().mkpath(m_dir.path());
+        writeFile(path("src/a.txt"_s), "alpha\n");
+        writeFile(path("src/b.tar.txt"_s), "beta");
+        writeFile(path("src/c.bin"_s), QByteArray("\x00\x01\n\xff", 4));
+        writeFile(path("src/sub/d.txt"_s), "delta");
+    }
+
+    void cutFiles_data()
+    {
+        QTest::addColumn<QString>("src");
+        QTest::addColumn<QString>("dest");
+        QTest::addColumn<int>("level");
+        QTest::addColumn<bool>("result");
+        QTest::addColumn<QStringList>("copied");
+        QTest::addColumn<QString>("log");
+        const int crit = EL_Critical;
+        QTest::newRow("file") << "src/a.txt"_s << "out/x.txt"_s << crit << true << QStringList{"x.txt"_s} << ""_s;
+        QTest::newRow("folder tree") << "src"_s << "out"_s << crit << true
+                                     << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s, "sub/d.txt"_s} << ""_s;
+        QTest::newRow("star star: files only") << "src/*.*"_s << "out"_s << crit << true
+                                               << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s} << ""_s;
+        QTest::newRow("star suffix: complete suffix") << "src/*.txt"_s << "out"_s << crit << true
+                                                      << QStringList{"a.txt"_s} << ""_s;
+        QTest::newRow("pattern without matches") << "src/*.xyz"_s << "out"_s << crit << true << QStringList() << ""_s;
+        QTest::newRow("missing critical") << "nowhere"_s << "out"_s << crit << false << QStringList() << "dir not exist"_s;
+        QTest::newRow("missing warn") << "nowhere"_s << "out"_s << int(EL_Warn) << true << QStringList() << "not exist"_s;
+        QTest::newRow("src == dest") << "nowhere"_s << "nowhere"_s << crit << true << QStringList() << "src == dest"_s;
+        QTest::newRow("file into missing folder") << "src/a.txt"_s << "out/deep/x.txt"_s << crit << true
+                                                  << QStringList() << "file copy fail "_s;
+    }
+
+    void cutFiles()
+    {
+        QFETCH(QString, src);
+        QFETCH(QString, dest);
+        QFETCH(int, level);
+        QFETCH(QString, log);
+        CoverFileInfo item;
+        item.pair = {"${installPath}/"_s + src, "${installPath}/"_s + dest};
+        item.level = static_cast<ErrorLevel>(level);
+        QDir().mkpath(path("out"_s));
+        LogCapture logs;
+        QTEST(m_installer.cutFiles({item}), "result");
+        QTEST(filesBelow(path("out"_s)), "copied");
+        QVERIFY2(logs.contains(log), qPrintable(logs.dump()));
+    }
+
+    void coverFileAnswersInvertedForFolders()
+    {
+        LogCapture logs;
+        QVERIFY(!m_installer.coverFile(path("src"_s), path("out"_s)));
+        QVERIFY(logs.contains("coverFile"_s, QtCriticalMsg));
+        QVERIFY(!m_installer.coverFile(path("missing"_s), path("out2"_s)));
+        QVERIFY(logs.contains(path("missing"_s) + " not exist"_s, QtWarningMsg));
+        // Only a file that cannot be opened makes the folder copy fail, and the answer true.
+        QDir().mkpath(path("out3/a.txt"_s));
+        QVERIFY(m_installer.coverFile(path("src"_s), path("out3"_s)));
+        QVERIFY(logs.contains("open fail"_s, QtCriticalMsg));
+        QVERIFY(m_installer.coverFile(path("src/a.txt"_s), path("out/a.txt"_s)));
+    }
+
+    void copyDirKeepsBytesAndModes()
+    {
+        // Long runs without a line break are copied in bounded blocks.
+        QByteArray big(3 * 1024 * 1024 + 17, 'x');
+        big[5] = '\n';
+        big[big.size() - 3] = '\0';
+        writeFile(path("src/big.dat"_s), big);
+        QFile::setPermissions(path("src/c.bin"_s), QFile::permissions(path("src/c.bin"_s)) | QFile::ExeOwner);
+        QVERIFY(m_installer.copyDir(path("src"_s), path("out"_s), QDir::Filters(0x6007), QString()));
+        QCOMPARE(readFile(path("out/big.dat"_s)), big);
+        QCOMPARE(readFile(path("out/c.bin"_s)), QByteArray("\x00\x01\n\xff", 4));
+        QVERIFY(QFileInfo(path("out/c.bin"_s)).permission(QFile::ExeOwner));
+    }
+
+    void removeFilesSparesWhiteList()
+    {
+        // A neighbour outside the removed paths, reached through a link inside them.
+        writeFile(path("neighbour/keep.txt"_s), "neighbour");
+        QVERIFY(QFile::link(path("neighbour"_s), path("src/sub/link"_s)));
+        writeFile(path("src/sub/user.cfg"_s), "user settings\n");
+        writeFile(path("single.txt"_s), "listed and white-listed");
+        LogCapture logs;
+        QVERIFY(m_installer.removeFiles({"${installPath}/src"_s, "${installPath}/single.txt"_s, "${installPath}/gone"_s},
+                                        {"${installPath}/src/sub/user.cfg"_s, "${installPath}/single.txt"_s,
+                                         "${installPath}/absent"_s}));
+        QCOMPARE(filesBelow(path("src"_s)), QStringList{"sub/user.cfg"_s});
+        QCOMPARE(readFile(path("src/sub/user.cfg"_s)), QByteArray("user settings\n"));
+        QCOMPARE(readFile(path("single.txt"_s)), QByteArray("listed and white-listed"));
+        QCOMPARE(readFile(path("neighbour/keep.txt"_s)), QByteArray("neighbour"));
+        QVERIFY(!QFileInfo::exists(path("src/sub/link"_s)));
+        QVERIFY(logs.contains("remove file erorr"_s));
+        QVERIFY(logs.contains("not exist"_s, QtWarningMsg));
+    }
+
+    void removeFilesNeverTakesProtectedFolders_data()
+    {
+        QTest::addColumn<QString>("entry");
+        QTest::newRow("unset variable") << "${installPath}"_s;
+        QTest::newRow("variable before a system folder") << "${installPath}/usr"_s;
+        QTest::newRow("home") << QDir::homePath();
+    }
+
+    void removeFilesNeverTakesProtectedFolders()
+    {
+        QFETCH(QString, entry);
+        Installer installer; // its install path is empty
+        writeFile(QDir::homePath() + "/marker"_s, "home");
+        LogCapture logs;
+        QVERIFY(installer.removeFiles({entry}, {}));
+        QVERIFY(logs.contains("remove file erorr"_s));
+        QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
+    }
+
+    void settingsAndUninstallRecord()
+    {
+        SettingsSandbox store;
+        SKGlobal *global = SKGlobal::instance();
+        const QString root = "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall"_s;
+        const QString other = "HKEY_CURRENT_USER\\SOFTWARE\\Demo"_s;
+        m_installer.settings({{root + "\\Demo"_s, {{"UninstallString"_s, "${installPath}/unins.exe"_s}}},
+                              {root + "\\DemoTwo"_s, {{"UninstallString"_s, "two.exe"_s}}},
+                              {other, {{"UninstallString"_s, "other.exe"_s}}}});
+        QCOMPARE(global->settingValue(root + "\\Demo"_s, "UninstallString"_s).toString(),
+                 QDir::toNativeSeparators(path("unins.exe"_s)));
+        QCOMPARE(global->settingValue(other, "UninstallString"_s).toString(), "other.exe"_s);
+        // The application key drops as many leading characters as the last name is long, plus one.
+        const QVariantMap record
+            = global->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"_s, "UninstallObj"_s).toMap();
+        QCOMPARE(record.keys(), (QStringList{root.mid(5) + "\\Demo"_s, root.mid(8) + "\\DemoTwo"_s}));
+    }
+
+    void splitArguments_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QStringList>("args");
+        QTest::newRow("plain") << "un.exe /S"_s << QStringList{"un.exe"_s, "/S"_s};
+        QTest::newRow("repeated and outer blanks") << "  un.exe \t /S  "_s << QStringList{"un.exe"_s, "/S"_s};
+        QTest::newRow("quoted path") << "\"C:\\Program Files\\Old\\un.exe\" /S"_s
+                                     << QStringList{"C:\\Program Files\\Old\\un.exe"_s, "/S"_s};
+        QTest::newRow("quote inside a word") << "/D=\"a b\"c"_s << QStringList{"/D=a bc"_s};
+        QTest::newRow("empty quotes") << "x \"\" y"_s << QStringList{"x"_s, ""_s, "y"_s};
+        QTest::newRow("unclosed quote") << "\"a b"_s << QStringList{"a b"_s};
+        QTest::newRow("empty") << ""_s << QStringList();
+    }
+
+    void splitArguments()
+    {
+        QFETCH(QString, line);
+        LogCapture logs;
+        QTEST(Installer::splitArguments(line), "args");
+        QVERIFY(logs.contains("split sapce"_s));
+    }
+
+    void processExe_data()
+    {
+        QTest::addColumn<QList<ProcessHelper>>("items");
+        QTest::addColumn<int>("code");
+        const QStringList sleep{"--sleep"_s, "5000"_s};
+        const QStringList exit1{"--exit"_s, "1"_s};
+        ProcessHelper missing = helperItem(EL_Critical, {}, 30, {EP_CheckDriver});
+        missing.program = "/nonexistent/setup"_s;
+        QTest::newRow("warn overrun goes on") << QList<ProcessHelper>{helperItem(EL_Warn, sleep, 1)} << 0;
+        QTest::newRow("critical overrun") << QList<ProcessHelper>{helperItem(EL_Critical, sleep, 1)} << 0x5123;
+        QTest::newRow("timeout 0") << QList<ProcessHelper>{helperItem(EL_Critical, {}, 0)} << 0x5123;
+        QTest::newRow("driver setup fails") << QList<ProcessHelper>{helperItem(EL_Critical, exit1, 30, {EP_CheckDriver}),
+                                                                    helperItem(EL_Critical, sleep, 1)}
+                                            << 0x5121;
+        QTest::newRow("exit 1 without check") << QList<ProcessHelper>{helperItem(EL_Critical, exit1)} << 0;
+        QTest::newRow("cannot start") << QList<ProcessHelper>{missing} << 0;
+    }
+
+    void processExe()
+    {
+        QFETCH(QList<ProcessHelper>, items);
+        QTEST(int(m_installer.processExe(items)), "code");
+    }
+
+    void timedOutProcessLeavesNothingRunning()
+    {
+        ProcessHelper item = helperItem(EL_Critical, {"--spawn-child"_s, path("child.pid"_s), "--sleep"_s, "60000"_s}, 2);
+        item.program = uniqueHelper(m_dir.path(), "corbeth-timeout"_s);
+        QCOMPARE(m_installer.processExe({item}), CBEnum::EC_ProcessTimeout);
+        QVERIFY(QFile::exists(path("child.pid"_s)));
+        QTRY_VERIFY(ProcessCloser::find(QFileInfo(item.program).fileName()).isEmpty());
+    }
+
+    void progressRule()
+    {
+        Installer installer;
+        QSignalSpy rises(&installer, &Installer::riseOfProgress);
+        QSignalSpy progress(&installer, &Installer::progress);
+        installer.advanceProgress(80, 80);
+        LogCapture logs;
+        installer.advanceProgress(30, 70); // above the ceiling: never goes back
+        QVERIFY(logs.lines().isEmpty());
+        installer.advanceProgress(30, 85); // capped
+        installer.advanceProgress(15, 85); // at the ceiling
+        QVERIFY(logs.contains("progress not changed"_s, QtWarningMsg));
+        installer.advanceProgress(14, 99);
+        installer.advanceProgress(1, 100); // 99 stops
+        QCOMPARE(installer.currentProgress(), 99.0);
+        QCOMPARE(progress.count(), 3);
+        QCOMPARE(progress.at(1).at(0).toDouble(), 85.0);
+        QCOMPARE(progress.at(2).at(0).toDouble(), 99.0);
+        QCOMPARE(rises.at(1).at(0).toDouble(), 5.0);
+        QCOMPARE(rises.at(2).at(0).toDouble(), 14.0);
+        QCOMPARE(logs.count("install progress "_s), 3);
+    }
 
     void clearProcessEndsProgramsByName()
     {
         const QString helper = uniqueHelper(m_dir.path(), "viewer"_s);
         const QString name = QFileInfo(helper).fileName();
         // One ends on SIGTERM; the shell copy ignores it and is ended forcibly.
-        const QString stubborn = m_dir.filePath(name + QLatin1String("-shell"));
+        const QString stubborn = helper + "-shell"_s;
         QVERIFY(QFile::copy("/bin/sh"_s, stubborn));
         QFile::setPermissions(stubborn, QFile::permissions("/bin/sh"_s));
         QProcess polite, hard;
         polite.start(helper, {"--sleep"_s, "60000"_s});
         hard.start(stubborn, {"-c"_s, "trap '' TERM; while :; do sleep 1; done"_s});
         QVERIFY(polite.waitForStarted() && hard.waitForStarted());
-        QTRY_VERIFY(!ProcessCloser::find(name + QLatin1String("-shell")).isEmpty());
+        QTRY_VERIFY(!ProcessCloser::find(name + "-shell"_s).isEmpty());
 
         // The test program's own name is listed too: the engine never ends itself.
         const QString self = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
-        configure(QStringLiteral(R"({"clearProcess": ["%1.exe", "%1-shell", "%2"]})").arg(name, self).toUtf8());
+        configure(R"({"clearProcess": ["%1.exe", "%1-shell", "%2"]})"_s.arg(name, self).toUtf8());
         QVERIFY(installer()->clearProcess());
         QVERIFY(polite.waitForFinished(1000) && hard.waitForFinished(1000));
         QCOMPARE(hard.exitCode() == 0 && hard.exitStatus() == QProcess::NormalExit, false);
@@ -51,19 +290,14 @@ private slots:
         QTest::newRow("module missing") << QStringList{"vimba"_s} << false << "driver not found"_s;
         QTest::newRow("no identification") << QStringList{"3W"_s} << true << "driver identification missing"_s;
         QTest::newRow("one of two missing") << QStringList{"turntable"_s, "vimba"_s} << false << "driver not found"_s;
-        QTest::newRow("none listed") << QStringList() << true << QString();
     }
 
     void driverExist()
     {
         QFETCH(QStringList, drivers);
-        QFETCH(bool, present);
         QFETCH(QString, log);
-        configure(R"({"driverIdentification": {
-            "turntable": {"linux": ["/dev/null"], "windows": ["nul"]},
-            "3DCamera": ["/dev/nul*"],
-            "vimba": ["no_such_module_anywhere"],
-            "3W": []}})");
+        configure(R"({"driverIdentification": {"turntable": {"linux": ["/dev/null"], "windows": ["nul"]},
+            "3DCamera": ["/dev/nul*"], "vimba": ["no_such_module_anywhere"], "3W": []}})");
         QList<CBEnum::DriverType> types;
         for (const QString &word : drivers) {
             CBEnum::DriverType type;
@@ -71,62 +305,74 @@ private slots:
             types << type;
         }
         LogCapture logs;
-        QCOMPARE(installer()->driverExist(types), present);
-        if (!log.isEmpty())
-            QVERIFY2(logs.contains(log), qPrintable(logs.dump()));
+        QTEST(installer()->driverExist(types), "present");
+        QVERIFY2(logs.contains(log), qPrintable(logs.dump()));
     }
 
     void olderSoftwareIsFoundAndRemoved()
     {
         SettingsSandbox store;
-        const QString older = m_dir.filePath("older"_s);
-        writeFile(older + QLatin1String("/bin/old.exe"), "old");
-        writeFile(older + QLatin1String("/user.cfg"), "mine");
+        const QString older = m_dir.filePath("older dir"_s);
+        writeFile(older + "/bin/old.exe"_s, "old");
+        writeFile(older + "/user.cfg"_s, "mine");
         SKGlobal::instance()->setSettingValue("HKEY_CURRENT_USER\\SOFTWARE\\OldDemo"_s, "InstallDir"_s, older);
+        // The uninstaller's first argument is a whole command line; the others are not used.
         configure(QStringLiteral(R"({
             "install": {"olderSoftwareInfo": {
                 "getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\OldDemo", "key": "InstallDir"},
-                "process": [{"path": "%1", "arg": ["--touch \u0022${olderInstallPath}/uninstalled\u0022"],
+                "process": [{"path": "%1", "arg": ["--touch \u0022${olderInstallPath}/uninstalled\u0022", "--touch unused"],
                              "extraProcess": ["waitExecOlderUninstall"], "waitTime": 0, "runingTimeout": 30}],
-                "removeFiles": ["${olderInstallPath}/bin", "${olderInstallPath}/uninstalled"],
+                "removeFiles": ["${olderInstallPath}/bin"],
                 "removeSettings": ["HKEY_CURRENT_USER\\SOFTWARE\\OldDemo"]}},
             "uninstall": {"whiteList": ["${olderInstallPath}/user.cfg"]}})")
                       .arg(testHelperPath())
                       .toUtf8());
         QVERIFY(installer()->checkOldSoftwareIsExist());
         QVERIFY(installer()->uninstallOldSoftware());
-        QVERIFY(!QFile::exists(older + QLatin1String("/bin/old.exe")));
-        QCOMPARE(readFile(older + QLatin1String("/user.cfg")), QByteArray("mine"));
+        QVERIFY(QFile::exists(older + "/uninstalled"_s));
+        QVERIFY(!QFile::exists("unused"_s));
+        QVERIFY(!QFile::exists(older + "/bin/old.exe"_s));
+        QCOMPARE(readFile(older + "/user.cfg"_s), QByteArray("mine"));
         // The settings entry is gone, so nothing older is left to find.
         QVERIFY(!installer()->checkOldSoftwareIsExist());
         QVERIFY(installer()->uninstallOldSoftware());
     }
 
-    void cleanupToolRemovesFolderAfterProcess()
+    void cleanupTool()
     {
         Installer engine;
         QVERIFY(!engine.copySuicideTool()); // shipped neither beside the program nor in the install path
         const QString product = m_dir.filePath("product"_s);
-        writeFile(product + QLatin1String("/bin/app"), "app");
-        writeFile(product + QLatin1String("/data/user.cfg"), "kept");
-        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), product + QLatin1String("/corbeth-cleanup")));
+        writeFile(product + "/bin/app"_s, "app");
+        writeFile(product + "/data/user.cfg"_s, "kept");
+        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), product + "/corbeth-cleanup"_s));
         engine.setInstallPath(product);
         QVERIFY(engine.copySuicideTool());
 
         // The tool as suicide() starts it, waiting for a process that ends shortly.
-        const QString tool = QDir::temp().filePath(QStringLiteral("corbeth-cleanup-%1").arg(QCoreApplication::applicationPid()));
-        QVERIFY(QFile::exists(tool));
+        const QString name = "corbeth-cleanup-%1"_s.arg(QCoreApplication::applicationPid());
+        const QString tool = QDir::temp().filePath(name);
         QProcess app;
         app.start(testHelperPath(), {"--sleep"_s, "500"_s});
         QVERIFY(app.waitForStarted());
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, QString::number(app.processId()), "--dir"_s, product, "--keep"_s,
-                             product + QLatin1String("/data/user.cfg")});
+                             product + "/data/user.cfg"_s});
         QVERIFY(cleanup.waitForFinished(20000));
         QCOMPARE(cleanup.exitCode(), 0);
-        QVERIFY(!QFile::exists(product + QLatin1String("/bin/app")));
-        QCOMPARE(readFile(product + QLatin1String("/data/user.cfg")), QByteArray("kept"));
+        QVERIFY(!QFile::exists(product + "/bin/app"_s));
+        QCOMPARE(readFile(product + "/data/user.cfg"_s), QByteArray("kept"));
         QVERIFY(!QFile::exists(tool)); // it removed itself
+
+        // suicide() copies the tool again and starts it detached; it waits for
+        // this test program to end, so it is ended here instead.
+        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), product + "/corbeth-cleanup"_s));
+        QVERIFY(!engine.isSuicide());
+        engine.suicide(product);
+        QVERIFY(engine.isSuicide());
+        QTRY_VERIFY(!ProcessCloser::find(name).isEmpty());
+        QVERIFY(ProcessCloser::close(name, 1000));
+        QFile::remove(tool);
     }
 
     void cleanupToolRefusesProtectedFolders_data()
@@ -134,7 +380,7 @@ private slots:
         QTest::addColumn<QString>("dir");
         QTest::newRow("root") << "/"_s;
         QTest::newRow("home") << QDir::homePath();
-        QTest::newRow("above home") << QDir::homePath() + QLatin1String("/..");
+        QTest::newRow("above home") << QDir::homePath() + "/.."_s;
         QTest::newRow("system folder") << "/usr/share"_s;
     }
 
@@ -144,83 +390,58 @@ private slots:
         const QString tool = m_dir.filePath("cleanup"_s);
         QFile::remove(tool);
         QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), tool));
-        writeFile(QDir::homePath() + QLatin1String("/marker"), "home");
+        writeFile(QDir::homePath() + "/marker"_s, "home");
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, "999999999"_s, "--dir"_s, dir, "--wait"_s, "0"_s});
         QVERIFY(cleanup.waitForFinished(10000));
         QCOMPARE(cleanup.exitCode(), 2);
-        QVERIFY(QFile::exists(QDir::homePath() + QLatin1String("/marker")));
+        QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
     }
 
-    void suicideStartsTheToolDetached()
-    {
-        Installer engine;
-        const QString product = m_dir.filePath("product2"_s);
-        QVERIFY(QDir().mkpath(product));
-        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), product + QLatin1String("/corbeth-cleanup")));
-        engine.setInstallPath(product);
-        QVERIFY(!engine.isSuicide());
-        engine.suicide(product);
-        QVERIFY(engine.isSuicide());
-        // It waits for this test program to end; end it here instead.
-        const QString name = QStringLiteral("corbeth-cleanup-%1").arg(QCoreApplication::applicationPid());
-        QTRY_VERIFY(!ProcessCloser::find(name).isEmpty());
-        QVERIFY(ProcessCloser::close(name, 1000));
-        QFile::remove(QDir::temp().filePath(name));
-    }
-
-    void latestPackage()
+    void packages()
     {
         const QString dir = m_dir.filePath("packages"_s);
-        writeFile(dir + QLatin1String("/a.tolmpkg.verify"), "digest");
+        writeFile(dir + "/a.tolmpkg.verify"_s, "digest");
         LogCapture logs;
         QCOMPARE(Installer::latestPackage(dir), QString());
         QVERIFY(logs.contains("No .tolmpkg files found in"_s));
-        writeFile(dir + QLatin1String("/b.tolmpkg"), "new");
-        writeFile(dir + QLatin1String("/a.tolmpkg"), "old");
-        QFile older(dir + QLatin1String("/a.tolmpkg"));
+        writeFile(dir + "/b.tolmpkg"_s, "new");
+        writeFile(dir + "/a.tolmpkg"_s, "old");
+        QFile older(dir + "/a.tolmpkg"_s);
         QVERIFY(older.open(QIODevice::ReadWrite));
         QVERIFY(older.setFileTime(QDateTime::currentDateTime().addDays(-1), QFileDevice::FileModificationTime));
         older.close();
-        QCOMPARE(Installer::latestPackage(dir), dir + QLatin1String("/b.tolmpkg"));
-
-        Installer engine;
         QString found;
-        QVERIFY(engine.searchPackage(dir, found));
-        QCOMPARE(found, dir + QLatin1String("/b.tolmpkg"));
-        QCOMPARE(engine.offlinePackage(), found);
-    }
+        QVERIFY(m_installer.searchPackage(dir, found));
+        QCOMPARE(found, dir + "/b.tolmpkg"_s);
+        QCOMPARE(m_installer.offlinePackage(), found);
 
-    void offlinePackageNextToProgram()
-    {
-        Installer engine;
+        // An offline installer's package lies next to the program.
         QString package, verify;
-        QVERIFY(!engine.checkIfOfflineInstall(package, verify));
-        const QString path = QCoreApplication::applicationDirPath()
-            + QStringLiteral("/offline-%1.tolmpkg").arg(QCoreApplication::applicationPid());
-        writeFile(path, "package");
-        writeFile(path + QLatin1String(".verify"), "digest");
-        const bool found = engine.checkIfOfflineInstall(package, verify);
-        QFile::remove(path);
-        QFile::remove(path + QLatin1String(".verify"));
-        QVERIFY(found);
-        QCOMPARE(package, path);
-        QCOMPARE(verify, path + QLatin1String(".verify"));
-    }
+        QVERIFY(!m_installer.checkIfOfflineInstall(package, verify));
+        const QString shipped = QCoreApplication::applicationDirPath()
+            + "/offline-%1.tolmpkg"_s.arg(QCoreApplication::applicationPid());
+        writeFile(shipped, "package");
+        writeFile(shipped + ".verify"_s, "digest");
+        const bool offline = m_installer.checkIfOfflineInstall(package, verify);
+        QFile::remove(shipped);
+        QFile::remove(shipped + ".verify"_s);
+        QVERIFY(offline);
+        QCOMPARE(package, shipped);
+        QCOMPARE(verify, shipped + ".verify"_s);
 
-    void removeUpdateDirTakesOnlyTheCache()
-    {
-        Installer engine;
-        engine.setInstallPath(m_dir.path());
+        // Removing the download cache leaves the rest of the install folder.
         writeFile(m_dir.filePath("arvenorDownloadCache/pkg.tolmpkg"_s), "cached");
-        writeFile(m_dir.filePath("app.bin"_s), "app");
-        engine.removeUpdateDir();
+        m_installer.removeUpdateDir();
         QVERIFY(!QFileInfo::exists(m_dir.filePath("arvenorDownloadCache"_s)));
-        QVERIFY(QFile::exists(m_dir.filePath("app.bin"_s)));
+        QCOMPARE(readFile(path("src/a.txt"_s)), QByteArray("alpha\n"));
     }
 
 private:
+    QString path(const QString &relative) const { return m_dir.filePath(relative); }
+
     QTemporaryDir m_dir;
+    Installer m_installer;
 };
 
 CORBETH_TEST_MAIN(TestInstallerSteps)
