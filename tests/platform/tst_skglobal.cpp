@@ -184,6 +184,17 @@ private slots:
         QCOMPARE(log.contains("config file parse json error"_s, QtCriticalMsg), !result);
     }
 
+    void readJsonObject()
+    {
+        QTemporaryDir dir;
+        const QString file = dir.filePath("o.json"_s);
+        QVERIFY(writeAll(file, "\n  {\"name\": \"caf\xc3\xa9\"}  \n\n"));
+        QCOMPARE(sk()->readJsonObject(file).value("name"_s).toString(), QStringLiteral("caf\u00e9"));
+        QVERIFY(writeAll(file, "not json"));
+        QVERIFY(sk()->readJsonObject(file).isEmpty());
+        QVERIFY(sk()->readJsonObject(dir.filePath("missing"_s)).isEmpty());
+    }
+
     void writeJson()
     {
         QTemporaryDir dir;
