@@ -1,28 +1,67 @@
 #ifndef CORBETH_TEST_PACKTOOL_H
 #define CORBETH_TEST_PACKTOOL_H
 
-#include <QtCore/QString>
-#include <QtCore/QStringList>
+#include "vindaltest.h"
 
-// Runs corbeth-pack as a real process, for the tests of the tool and of the
-// module service adapter. Trees, nginx and the fault server come from the
-// library's test support (vindaltest.h).
-class PackTool
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+#include <QtCore/QtDebug>
+
+// corbeth-pack run as a real process, shared by the tool's and the adapter's tests.
+namespace PackTool {
+
+using VindalTest::operator""_s;
+
+struct Run
 {
-public:
-    struct Run
-    {
-        int exitCode = -1;
-        QString out;
-        QString err;
-    };
-
-    static Run run(const QStringList &arguments);
-
-    // A small tree of real files: nested folders, an empty folder, an empty
-    // file, a non-ASCII name and a file of several MiB.
-    static bool makeTree(const QString &folder);
-    static QString md5Of(const QString &file);
+    int exitCode = -1;
+    QString out;
+    QString err;
 };
+
+inline Run run(const QStringList &arguments)
+{
+    QProcess process;
+    process.start(QStringLiteral(CORBETH_PACK), arguments);
+    if (!process.waitForFinished(120000)) {
+        process.kill();
+        process.waitForFinished();
+        return {-1, QString(), "corbeth-pack did not finish: "_s + process.errorString()};
+    }
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromLocal8Bit(process.readAllStandardOutput()),
+            QString::fromLocal8Bit(process.readAllStandardError())};
+}
+
+// Runs a command that must succeed; logs its standard error when it does not.
+inline bool ok(const QStringList &arguments)
+{
+    const Run result = run(arguments);
+    if (result.exitCode != 0)
+        qWarning().noquote() << arguments.join(QLatin1Char(' ')) << "->" << result.exitCode << result.err;
+    return result.exitCode == 0;
+}
+
+// Packs into package a tree of nested folders, an empty folder, an empty file,
+// a non-ASCII name and a file of several MiB, made in source.
+inline bool makePackage(const QString &source, const QString &package)
+{
+    using VindalTest::writeFile;
+    const QDir dir(source);
+    return QDir().mkpath(dir.filePath("share/doc/empty"_s))
+        && writeFile(dir.filePath("app.exe"_s), VindalTest::pseudoRandom(4096, 1))
+        && writeFile(dir.filePath("bin/data.bin"_s), VindalTest::pseudoRandom(6 << 20, 2))
+        && writeFile(dir.filePath("bin/plugins/readme.txt"_s), "plug-ins go here\n")
+        && writeFile(dir.filePath(QStringLiteral("share/doc/notes \u00e9t\u00e9.txt")), "non-ASCII name\n")
+        && writeFile(dir.filePath("share/empty.cfg"_s), QByteArray()) && ok({"create"_s, source, "-o"_s, package});
+}
+
+inline QString md5Of(const QString &file)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(VindalTest::readFile(file), QCryptographicHash::Md5).toHex());
+}
+
+} // namespace PackTool
 
 #endif // CORBETH_TEST_PACKTOOL_H
