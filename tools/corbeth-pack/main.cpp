@@ -382,8 +382,8 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral(CORBETH_PACK_VERSION));
 
     // The library's log would break the one-line results; QT_LOGGING_RULES
-    // ("vindal*=true") still turns it on, as it overrides these rules.
-    QLoggingCategory::setFilterRules(QStringLiteral("vindal*=false"));
+    // ("corbeth.lib*=true") still turns it on, as it overrides these rules.
+    QLoggingCategory::setFilterRules(QStringLiteral("corbeth.lib*=false"));
 
     QStringList arguments = QCoreApplication::arguments();
     const QString command = arguments.value(1);

@@ -1,3 +1,4 @@
 #include "logging_p.h"
 
-Q_LOGGING_CATEGORY(lcVindal, "vindal")
+// The same category as the engine, so one logging rule shows or hides everything.
+Q_LOGGING_CATEGORY(lcVindal, "corbeth.lib")
