@@ -7,6 +7,7 @@
 #include <QtCore/QEventLoop>
 #include <QtCore/QMetaEnum>
 #include <QtCore/QMutexLocker>
+#include <QtCore/QSemaphore>
 #include <QtCore/QThreadPool>
 #include <QtCore/QTimer>
 
@@ -33,21 +34,84 @@ void quitLater(QEventLoop *loop)
     QMetaObject::invokeMethod(loop, &QEventLoop::quit, Qt::QueuedConnection);
 }
 
-// Runs task on the global pool while this thread waits in a local loop, and
-// meanwhile creeps the progress towards ceiling every intervalMs. The wait ends
-// when task quits the loop it is given, and never if it does not.
-void waitForTask(Installer *installer, int intervalMs, double ceiling, const std::function<void(QEventLoop *)> &task)
+} // namespace
+
+bool Installer::revoked(int epoch) const
 {
-    QEventLoop loop;
-    QTimer creep;
-    creep.setInterval(intervalMs);
-    QObject::connect(&creep, &QTimer::timeout, &creep, [installer, ceiling] { installer->advanceProgress(1.0, ceiling); });
-    creep.start();
-    QThreadPool::globalInstance()->start([task, &loop] { task(&loop); });
-    loop.exec();
+    if (epoch == m_epoch.loadAcquire())
+        return false;
+    qCInfo(lcCorbeth) << "operation revoked";
+    return true;
 }
 
-} // namespace
+void Installer::abort()
+{
+    QMutexLocker locker(&m_waitMutex);
+    m_epoch.ref();
+    for (QEventLoop *loop : qAsConst(m_loops))
+        quitLater(loop);
+}
+
+void Installer::waitIn(QEventLoop &loop, int epoch)
+{
+    {
+        QMutexLocker locker(&m_waitMutex);
+        if (epoch != m_epoch.loadAcquire())
+            return;
+        m_loops.insert(&loop);
+    }
+    loop.exec();
+    QMutexLocker locker(&m_waitMutex);
+    m_loops.remove(&loop);
+}
+
+void Installer::startTask(std::function<void()> task)
+{
+    m_tasks.ref();
+    QThreadPool::globalInstance()->start([this, task] {
+        task();
+        QMutexLocker locker(&m_waitMutex);
+        if (!m_tasks.deref())
+            m_idle.wakeAll();
+    });
+}
+
+void Installer::waitForIdle()
+{
+    QMutexLocker locker(&m_waitMutex);
+    while (m_tasks.loadAcquire() != 0)
+        m_idle.wait(&m_waitMutex);
+}
+
+void Installer::runAndWait(int epoch, const std::function<void(QEventLoop *)> &task)
+{
+    QEventLoop loop;
+    QSemaphore done;
+    startTask([task, &loop, &done] {
+        task(&loop);
+        done.release();
+    });
+    // While this thread only waits it does not count against the pool, so
+    // the task finds a thread even on a one-core machine.
+    QThreadPool::globalInstance()->releaseThread();
+    waitIn(loop, epoch);
+    // A revocation ends the wait early, but the task holds this frame's
+    // loop and results until it returns.
+    done.acquire();
+    QThreadPool::globalInstance()->reserveThread();
+}
+
+// Runs task on the global pool while this thread waits in a local loop, and
+// meanwhile creeps the progress towards ceiling every intervalMs. The wait ends
+// when task quits the loop it is given, or the operation is revoked.
+void Installer::waitForTask(int epoch, int intervalMs, double ceiling, const std::function<void(QEventLoop *)> &task)
+{
+    QTimer creep;
+    creep.setInterval(intervalMs);
+    connect(&creep, &QTimer::timeout, &creep, [this, ceiling] { advanceProgress(1.0, ceiling); });
+    creep.start();
+    runAndWait(epoch, task);
+}
 
 void Installer::advanceProgress(double step, double ceiling)
 {
@@ -73,8 +137,9 @@ void Installer::advanceProgress(double step, double ceiling)
 bool Installer::installPackage()
 {
     qCInfo(lcCorbeth) << "install packageeeeeeee";
-    QThreadPool::globalInstance()->start([this] {
-        if (runInstallSteps())
+    const int started = epoch();
+    startTask([this, started] {
+        if (runInstallSteps(started))
             emit installPackageFinished();
         else
             qCCritical(lcCorbeth) << "install fail";
@@ -82,7 +147,7 @@ bool Installer::installPackage()
     return true;
 }
 
-bool Installer::runInstallSteps()
+bool Installer::runInstallSteps(int epoch)
 {
     const InstallInfoPtr info = orEmpty(m_installInfo);
 
@@ -104,26 +169,20 @@ bool Installer::runInstallSteps()
 
     qCDebug(lcCorbeth) << "install process";
     CBEnum::ErrorCode code = CBEnum::EC_NoError;
-    {
-        QEventLoop loop;
-        QThreadPool::globalInstance()->start([this, info, &loop, &code] {
-            const CBEnum::ErrorCode result = processExe(info->process);
-            code = result;
-            if (result == CBEnum::EC_NoError) {
-                quitLater(&loop);
-                return;
-            }
-            // The waiting install is left parked: the client learns of the
-            // failure from this signal alone.
-            qCCritical(lcCorbeth) << "install error process exe " << codeName(result);
-            emit errorOccurred(result);
-        });
-        // While this thread only waits it does not count against the pool, so
-        // the process task finds a thread even on a one-core machine.
-        QThreadPool::globalInstance()->releaseThread();
-        loop.exec();
-        QThreadPool::globalInstance()->reserveThread();
-    }
+    runAndWait(epoch, [this, info, &code](QEventLoop *loop) {
+        const CBEnum::ErrorCode result = processExe(info->process);
+        code = result;
+        if (result == CBEnum::EC_NoError) {
+            quitLater(loop);
+            return;
+        }
+        // The waiting install is left parked: the client learns of the
+        // failure from this signal alone.
+        qCCritical(lcCorbeth) << "install error process exe " << codeName(result);
+        emit errorOccurred(result);
+    });
+    if (revoked(epoch))
+        return false;
     if (code != CBEnum::EC_NoError) {
         qCCritical(lcCorbeth) << "install error process exe " << codeName(code);
         emit errorOccurred(code);
@@ -131,7 +190,7 @@ bool Installer::runInstallSteps()
     }
     advanceProgress(30, 30);
 
-    if (m_installCallback) {
+    if (m_installCallback && !revoked(epoch)) {
         qCDebug(lcCorbeth) << "call back";
         code = m_installCallback();
         if (code != CBEnum::EC_NoError) {
@@ -148,8 +207,10 @@ bool Installer::runInstallSteps()
         // Gives a driver set up by the process step time to register.
         QEventLoop wait;
         QTimer::singleShot(3000, &wait, &QEventLoop::quit);
-        wait.exec();
+        waitIn(wait, epoch);
     }
+    if (revoked(epoch))
+        return false;
     if (!driverExist(info->checkDrivers)) {
         qCCritical(lcCorbeth) << "dirver not exist";
         emit errorOccurred(CBEnum::EC_DriverError);
@@ -163,6 +224,8 @@ bool Installer::runInstallSteps()
         return false;
     }
 
+    if (revoked(epoch))
+        return false;
     advanceProgress(30, 85);
     qCDebug(lcCorbeth) << "links";
     if (!links(info->links)) {
@@ -171,6 +234,8 @@ bool Installer::runInstallSteps()
         return false;
     }
 
+    if (revoked(epoch))
+        return false;
     advanceProgress(15, 90);
     qCInfo(lcCorbeth) << "install packageeeeeeee finished";
     qCDebug(lcCorbeth) << "setting ";
@@ -266,9 +331,10 @@ bool Installer::update()
 
     // Written by each phase's task before it quits the loop.
     bool result = false;
+    const int started = epoch();
 
     // Phase 1: the update's own files. A failure is reported and phase 2 runs all the same.
-    waitForTask(this, 10000, 50.0, [this, info, &result](QEventLoop *loop) {
+    waitForTask(started, 10000, 50.0, [this, info, &result](QEventLoop *loop) {
         result = cutFiles(info->coverFiles);
         if (!result) {
             qCCritical(lcCorbeth) << "cut file error";
@@ -276,11 +342,13 @@ bool Installer::update()
         }
         quitLater(loop);
     });
+    if (revoked(started))
+        return false;
     advanceProgress(50, 50);
 
     // Phase 2: the install steps, then the update's removals.
-    waitForTask(this, 15000, 100.0, [this, info, &result](QEventLoop *loop) {
-        if (!runInstallSteps()) {
+    waitForTask(started, 15000, 100.0, [this, info, started, &result](QEventLoop *loop) {
+        if (!runInstallSteps(started)) {
             // The update is left waiting: the failing step has reported.
             qCCritical(lcCorbeth) << "installl fail";
             result = false;
@@ -294,7 +362,7 @@ bool Installer::update()
         quitLater(loop);
     });
 
-    if (result) {
+    if (result && !revoked(started)) {
         emit installPackageFinished();
         advanceProgress(100, 100);
         return true;
@@ -325,7 +393,8 @@ bool Installer::updatePatch()
 
     qCDebug(lcCorbeth) << "updatepatch path" << m_installPath;
     bool result = false;
-    waitForTask(this, 3000, 70.0, [this, info, &result](QEventLoop *loop) {
+    const int started = epoch();
+    waitForTask(started, 3000, 70.0, [this, info, &result](QEventLoop *loop) {
         if (!copySuicideTool())
             qCWarning(lcCorbeth) << "copy suicide tool fail";
         // A failure below leaves the patch waiting; the error signal tells the client.
@@ -344,6 +413,8 @@ bool Installer::updatePatch()
         result = true;
         quitLater(loop);
     });
+    if (revoked(started))
+        return false;
     advanceProgress(70, 70);
     emit installPackageFinished();
     advanceProgress(100, 100);

@@ -5,13 +5,18 @@
 
 #include <corbeth/cbenum.h>
 
+#include <QtCore/QAtomicInt>
 #include <QtCore/QDir>
 #include <QtCore/QMap>
 #include <QtCore/QMutex>
 #include <QtCore/QObject>
+#include <QtCore/QSet>
 #include <QtCore/QStringList>
+#include <QtCore/QWaitCondition>
 
 #include <functional>
+
+class QEventLoop;
 
 namespace Corbeth {
 
@@ -114,6 +119,14 @@ public:
     // The newest ".tolmpkg" file of dir, or an empty string.
     static QString latestPackage(const QString &dir);
 
+    // Revocation. abort() makes the running operation stop before its next
+    // step and releases every wait it is parked in (a failed step otherwise
+    // leaves its operation waiting for ever); nothing already done is undone.
+    // The next operation starts afresh.
+    void abort();
+    // Blocks until no task of the engine runs on the thread pool.
+    void waitForIdle();
+
 public slots:
     bool installPackage();
     bool uninstallPackage(QString flow);
@@ -130,7 +143,17 @@ signals:
     void errorOccurred(CBEnum::ErrorCode error);
 
 private:
-    bool runInstallSteps();
+    // Operations remember the epoch they started in; abort() moves it on.
+    int epoch() const { return m_epoch.loadAcquire(); }
+    bool revoked(int epoch) const;
+    // Runs loop unless the operation was revoked; abort() quits it.
+    void waitIn(QEventLoop &loop, int epoch);
+    void startTask(std::function<void()> task);
+    // Runs task on the pool and waits, until it quits the loop it is given or
+    // the operation is revoked, and then until the task has returned.
+    void runAndWait(int epoch, const std::function<void(QEventLoop *)> &task);
+    void waitForTask(int epoch, int intervalMs, double ceiling, const std::function<void(QEventLoop *)> &task);
+    bool runInstallSteps(int epoch);
     bool runUninstallSteps();
     void loadDriverIdentification();
     QString olderInstallPathFromSettings() const;
@@ -164,6 +187,12 @@ private:
     // How each driver type is recognised on this machine (configuration
     // "driverIdentification", with built-in defaults).
     QMap<int, QStringList> m_driverIds;
+
+    QAtomicInt m_epoch;
+    QAtomicInt m_tasks;
+    QMutex m_waitMutex;
+    QWaitCondition m_idle;
+    QSet<QEventLoop *> m_loops;
 
     bool m_isSuicide = false;
     QString m_suicideToolPath;

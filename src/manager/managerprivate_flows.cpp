@@ -1,0 +1,681 @@
+// The tasks a client starts: online and offline install, package download,
+// update, patch, uninstall, self-upgrade, unpacking, the hardware query and
+// revocation.
+#include "manager/managerprivate.h"
+
+#include "config/configer.h"
+#include "installer/installer.h"
+#include "logging_p.h"
+#include "modules/vindaler.h"
+#include "platform/systeminfo.h"
+
+#include <corbeth/manager.h>
+
+#include <vindal/reply.h>
+
+#include <QtConcurrent/QtConcurrentRun>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QMetaEnum>
+#include <QtCore/QSharedPointer>
+#include <QtCore/QTextStream>
+#include <QtNetwork/QNetworkConfigurationManager>
+
+namespace Corbeth {
+
+namespace {
+
+const QString kCacheFolder = QStringLiteral("arvenorDownloadCache");
+
+const char *codeName(int code)
+{
+    return QMetaEnum::fromType<CBEnum::ErrorCode>().valueToKey(code);
+}
+
+QString cacheFolderOf(const QString &installPath)
+{
+    return installPath + QLatin1Char('/') + kCacheFolder;
+}
+
+bool machineIsOnline()
+{
+    // The bearer API is deprecated in Qt 5.15 and has no replacement there;
+    // it is the one question it answers that the flow needs.
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    QNetworkConfigurationManager manager;
+    return manager.isOnline();
+    QT_WARNING_POP
+}
+
+// Counts a nested wait on the module service for as long as it lives.
+struct ServiceWait
+{
+    explicit ServiceWait(int &depth)
+        : m_depth(depth)
+    {
+        ++m_depth;
+    }
+    ~ServiceWait() { --m_depth; }
+    int &m_depth;
+};
+
+} // namespace
+
+CBEnum::ErrorCode ManagerPrivate::initRemote()
+{
+    if (m_configer->velmiraInfo().isEmpty()) {
+        qCCritical(lcCorbeth) << "vlcfg is empty" << m_configer->velmiraInfo();
+        return CBEnum::EC_ConfigDataError;
+    }
+    Vindal::Reply *reply = m_vindaler->setConfigData(m_configer->moduleServiceConfig());
+    const Vindal::Error::ErrorCode status = reply ? reply->status() : Vindal::Error::NoReply;
+    // Nobody waits for this answer here: initRemotedSuccess brings it.
+    if (reply)
+        whenFinished(reply, [](const QVariantMap &) {});
+    if (status == Vindal::Error::NoError)
+        return CBEnum::EC_NoError;
+    qCCritical(lcCorbeth) << "remote error" << status;
+    return Vindaler::toErrorCode(status);
+}
+
+void ManagerPrivate::whenFinished(Vindal::Reply *reply, const std::function<void(const QVariantMap &)> &handler)
+{
+    // The service keeps working after it hands a reply over, so the reply may
+    // have finished before anyone listened; whichever way the answer comes,
+    // it is handled once, on this thread.
+    auto handled = QSharedPointer<bool>::create(false);
+    const auto once = [handler, handled](const QVariantMap &params) {
+        if (*handled)
+            return;
+        *handled = true;
+        handler(params);
+    };
+    connect(reply, &Vindal::Reply::finished, this, once);
+    connect(reply, &Vindal::Reply::finished, reply, &QObject::deleteLater);
+    if (reply->isFinished()) {
+        const QVariantMap result = reply->result();
+        reply->deleteLater();
+        QMetaObject::invokeMethod(this, [once, result] { once(result); }, Qt::QueuedConnection);
+    }
+}
+
+void ManagerPrivate::useStorageFolder(const QString &folder)
+{
+    const QString current = m_vindaler->config()
+                                .value(QStringLiteral("startDownload"))
+                                .toMap()
+                                .value(QStringLiteral("temporaryStoragePath"))
+                                .toString();
+    // A folder the product maker configured stays; so does one already in use.
+    if (current == folder || current.isEmpty()
+        || m_configer->velmiraInfo().contains(QStringLiteral("startDownload"))) {
+        m_vindaler->setTemporaryStoragePath(folder);
+        return;
+    }
+    QVariantMap config = m_vindaler->config();
+    QVariantMap startDownload = config.value(QStringLiteral("startDownload")).toMap();
+    startDownload.insert(QStringLiteral("temporaryStoragePath"), folder);
+    config.insert(QStringLiteral("startDownload"), startDownload);
+    if (Vindal::Reply *reply = m_vindaler->setConfigData(config))
+        whenFinished(reply, [](const QVariantMap &) {});
+}
+
+bool ManagerPrivate::refuseWhileWaiting(const char *what)
+{
+    if (m_serviceWaits == 0)
+        return false;
+    qCWarning(lcCorbeth) << "task refused, the module service is busy" << what;
+    return true;
+}
+
+// --- online install -----------------------------------------------------------
+
+bool ManagerPrivate::onlineInstall(const QString &path)
+{
+    qCInfo(lcCorbeth) << "online installl runingg";
+    if (refuseWhileWaiting("onlineInstall"))
+        return false;
+    m_installer->setInstallPath(path);
+    setOperation(O_OnlineInstall);
+
+    QVariantMap package;
+    if (!m_sqlHelper.searchPackage(path, package))
+        return reqDownloadPackage();
+    QVariantMap params;
+    params.insert(QStringLiteral("errorCode"), 0);
+    params.insert(QStringLiteral("result"), package);
+    params.insert(QStringLiteral("packageExisted"), true);
+    setTaskStatus(CBEnum::TS_Downloading);
+    onOnlineDownlaodFinished(params);
+    return true;
+}
+
+bool ManagerPrivate::reqDownloadPackage()
+{
+    Vindal::Reply *reply = nullptr;
+    const CBEnum::ErrorCode code = reqDownloadOfflineModule(m_installer->installPath(), reply);
+    if (code != CBEnum::EC_NoError) {
+        qCCritical(lcCorbeth) << "error " << Q_FUNC_INFO << codeName(code);
+        emit errorOccurred(code);
+        return false;
+    }
+    setTaskStatus(CBEnum::TS_Downloading);
+    m_downloadReply = reply;
+    connect(reply, &Vindal::Reply::downloadProgress, this, &ManagerPrivate::onProgress);
+    const bool offlineDownload = m_operation == O_OfflineDownload;
+    whenFinished(reply, [this, offlineDownload](const QVariantMap &params) {
+        if (offlineDownload)
+            onDownloadPackageFinished(params);
+        else
+            onOnlineDownlaodFinished(params);
+    });
+    return true;
+}
+
+void ManagerPrivate::cleanCache(const QString &cache)
+{
+    // Only the announced package and its companions stay: a package of an
+    // earlier version would otherwise lie there for ever.
+    const QString current = m_vindaler->packageInfo()
+                                .value(QStringLiteral("file"))
+                                .toMap()
+                                .value(QStringLiteral("name"))
+                                .toString();
+    if (current.isEmpty())
+        return;
+    const QFileInfoList files = QDir(cache).entryInfoList(QDir::Files | QDir::Hidden);
+    for (const QFileInfo &file : files) {
+        if (file.fileName().startsWith(current))
+            continue;
+        qCDebug(lcCorbeth) << "remove file" << file.absoluteFilePath();
+        QFile::remove(file.absoluteFilePath());
+    }
+}
+
+CBEnum::ErrorCode ManagerPrivate::reqDownloadOfflineModule(const QString &path, Vindal::Reply *&reply)
+{
+    qCDebug(lcCorbeth) << "package ifnO" << m_vindaler->packageInfo();
+    // An offline download goes into the folder the client named; an install
+    // downloads into the cache folder under its install path, which it owns.
+    QString folder = path;
+    if (m_operation != O_OfflineDownload) {
+        folder = cacheFolderOf(path);
+        cleanCache(folder);
+        if (path == m_cachePath) {
+            qCDebug(lcCorbeth) << "path is same" << path;
+        } else {
+            if (!m_cachePath.isEmpty() && QDir(cacheFolderOf(m_cachePath)).exists()) {
+                qCDebug(lcCorbeth) << "remove olderCache" << cacheFolderOf(m_cachePath);
+                QDir(cacheFolderOf(m_cachePath)).removeRecursively();
+            }
+            m_cachePath = path;
+        }
+    }
+    useStorageFolder(folder);
+    m_installer->makeDir(folder);
+
+    Vindal::Reply *answer = nullptr;
+    {
+        ServiceWait wait(m_serviceWaits);
+        answer = m_vindaler->downloadOfflineModule(path);
+    }
+    if (!answer) {
+        qCCritical(lcCorbeth) << "error nullptr" << Q_FUNC_INFO;
+        return CBEnum::EC_UnknownNetworkError;
+    }
+    const Vindal::Error::ErrorCode status = answer->status();
+    if (status != Vindal::Error::NoError) {
+        qCCritical(lcCorbeth) << "error" << status << Q_FUNC_INFO;
+        answer->deleteLater();
+        return status == Vindal::Error::DownloadFailed ? CBEnum::EC_NetworkError_FileDownloadedError
+                                                       : CBEnum::EC_UnknownNetworkError;
+    }
+    reply = answer;
+    return CBEnum::EC_NoError;
+}
+
+void ManagerPrivate::onOnlineDownlaodFinished(const QVariantMap &params)
+{
+    qCDebug(lcCorbeth) << "finished" << Q_FUNC_INFO << params;
+    // A download that ends after a revocation is not this task's any more.
+    if (m_taskStatus == CBEnum::TS_Aborted || m_operation != O_OnlineInstall)
+        return;
+    if (!handleDownloadOfflineModule(params)) {
+        qCCritical(lcCorbeth) << "download fail" << Q_FUNC_INFO;
+        return;
+    }
+    m_downloadResult = params;
+    qCDebug(lcCorbeth) << "concurrent ru n";
+    const QVariantMap result = params.value(QStringLiteral("result")).toMap();
+    startPrepareJob(result.value(QStringLiteral("path")).toString(),
+                    result.value(QStringLiteral("md5Value")).toString(), false);
+}
+
+bool ManagerPrivate::handleDownloadOfflineModule(const QVariantMap &params)
+{
+    const int code = params.value(QStringLiteral("errorCode")).toInt();
+    m_downloadResult = params.value(QStringLiteral("result")).toMap();
+    if (code == Vindal::Error::Timeout && !machineIsOnline()) {
+        // An offline machine will not do better by trying again.
+        qCCritical(lcCorbeth) << "timeout online download";
+        emit errorOccurred(CBEnum::EC_UnknownNetworkError);
+        return false;
+    }
+    if (code == Vindal::Error::Cancelled && m_taskStatus == CBEnum::TS_Aborted)
+        return false;
+    if (code != 0) {
+        qCCritical(lcCorbeth) << "error" << code << Q_FUNC_INFO;
+        onRetryTimeout();
+        return false;
+    }
+    m_retryCount = 0;
+    m_retryTimer.stop();
+    qCDebug(lcCorbeth) << "cache  path" << cacheFolderOf(m_installer->installPath());
+    return true;
+}
+
+// --- verify, prepare and unpack ----------------------------------------------------
+
+ManagerPrivate::JobResult ManagerPrivate::verifyAndPrepare(const QString &file, const QString &md5, bool offline,
+                                                           QVariantMap record)
+{
+    // Runs on a pool thread: hashing and closing programs take long, and the
+    // client's thread must stay responsive. It reaches the workers only
+    // through methods that are safe off their thread.
+    JobResult job;
+    const bool matches = offline ? checkOfflineInstallFile(file) : packageMatches(md5, file);
+    if (!matches) {
+        job.verifyFailed = true;
+        job.code = CBEnum::EC_VerifyFailed;
+        if (!offline) {
+            qCWarning(lcCorbeth) << "package check failed, retry download.";
+            if (!QFile::remove(file))
+                qCWarning(lcCorbeth) << "remove error download package fail" << file;
+        }
+        return job;
+    }
+    if (!offline)
+        m_sqlHelper.markOnlinePackage(record);
+    if (!m_installer->clearProcess()) {
+        qCCritical(lcCorbeth) << "clear runing exe fail";
+        job.code = CBEnum::EC_UnknownError;
+        return job;
+    }
+    if (!uninstallOldSoftware()) {
+        qCCritical(lcCorbeth) << (offline ? "offlineinstall fail" : "onlineinstall fail");
+        job.code = CBEnum::EC_UninstallOlderSoftwareFail;
+    }
+    return job;
+}
+
+void ManagerPrivate::startPrepareJob(const QString &file, const QString &md5, bool offline)
+{
+    m_packageInfo.insert(QStringLiteral("path"), file);
+    m_packageInfo.insert(QStringLiteral("md5Value"), md5);
+    m_packageInfo.insert(QStringLiteral("offline"), offline);
+    const QVariantMap record = m_downloadResult.value(QStringLiteral("result")).toMap();
+    m_prepareJob.setFuture(QtConcurrent::run(
+        [this, file, md5, offline, record] { return verifyAndPrepare(file, md5, offline, record); }));
+}
+
+void ManagerPrivate::onPrepareJobFinished()
+{
+    if (m_taskStatus == CBEnum::TS_Aborted)
+        return;
+    const JobResult job = m_prepareJob.result();
+    const bool offline = m_packageInfo.value(QStringLiteral("offline")).toBool();
+    if (job.verifyFailed) {
+        qCWarning(lcCorbeth) << "verify fail";
+        if (offline) {
+            fail(CBEnum::EC_VerifyFailed);
+            return;
+        }
+        // The bytes were not what the repository announced: fetch them again.
+        emit errorOccurred(CBEnum::EC_VerifyFailed);
+        reqDownloadPackage();
+        return;
+    }
+    if (job.code != CBEnum::EC_NoError) {
+        fail(job.code);
+        return;
+    }
+    startUnpack(m_packageInfo.value(QStringLiteral("path")).toString(), m_installer->installPath());
+}
+
+void ManagerPrivate::startUnpack(const QString &file, const QString &folder)
+{
+    setTaskStatus(CBEnum::TS_Uncompressing);
+    auto *reply = new Vindal::Reply;
+    qCDebug(lcCorbeth) << "check";
+    m_unpackReply = reply;
+    m_unpackFolder = folder;
+    connect(reply, &Vindal::Reply::progress, this, &ManagerPrivate::onProgress);
+    whenFinished(reply, [this](const QVariantMap &params) { onInstallUncompress(params); });
+    m_vindaler->loadOfflinePackage(reply, file, folder);
+}
+
+void ManagerPrivate::onInstallUncompress(const QVariantMap &params)
+{
+    if (m_taskStatus == CBEnum::TS_Aborted)
+        return;
+    const CBEnum::ErrorCode code = Vindaler::toErrorCode(params.value(QStringLiteral("errorCode")).toInt());
+    if (code != CBEnum::EC_NoError) {
+        qCCritical(lcCorbeth) << "fail" << params.value(QStringLiteral("errorMessage")).toString();
+        fail(code);
+        return;
+    }
+    if (m_operation == O_Installing) {
+        // A bare unpack (uncompressPackage) ends here.
+        emit q->uncompressPackageFinished();
+        emit finished();
+        return;
+    }
+    startEngineInstall();
+}
+
+void ManagerPrivate::startEngineInstall()
+{
+    setTaskStatus(CBEnum::TS_Installing);
+    m_installer->installPackage();
+}
+
+void ManagerPrivate::onEngineInstallFinished()
+{
+    if (!isRunning())
+        return;
+    switch (m_operation) {
+    case O_Installing:
+        emit q->installingFinished();
+        emit finished();
+        break;
+    case O_OnlineInstall:
+        // installPackageFinished completes the bar; the relays that follow
+        // go to the client directly, so the bar is not moved again.
+        emit installPackageFinished();
+        emit q->onlineInstallFinished();
+        emit q->finished();
+        break;
+    default:
+        emit installPackageFinished();
+        emit q->finished();
+        break;
+    }
+}
+
+// --- offline --------------------------------------------------------------------
+
+void ManagerPrivate::offlineInstall(const QString &path)
+{
+    qCInfo(lcCorbeth) << "offline install" << path;
+    if (refuseWhileWaiting("offlineInstall"))
+        return;
+    setOperation(O_OfflineInstall);
+    QString package = path;
+    if (QFileInfo(path).isDir() && !m_installer->searchPackage(path, package))
+        package.clear();
+    if (package.isEmpty() || !QFileInfo(package).isFile()) {
+        qCCritical(lcCorbeth) << "offline path is empty" << path;
+        fail(CBEnum::EC_FileNotOpen);
+        return;
+    }
+    if (m_installer->installPath().isEmpty()) {
+        qCCritical(lcCorbeth) << "path is empty";
+        fail(CBEnum::EC_SoftwarePathError);
+        return;
+    }
+    setTaskStatus(CBEnum::TS_Verifying);
+    startPrepareJob(QFileInfo(package).absoluteFilePath(), QString(), true);
+}
+
+bool ManagerPrivate::searchOfflinePackage(const QString &dir, QString &found, const QString &suffix)
+{
+    if (!m_installer->searchPackage(dir, found)) {
+        qCInfo(lcCorbeth) << "search offline package fail" << dir;
+        return false;
+    }
+    setTaskStatus(CBEnum::TS_Verifying);
+    const QString file = suffix.isEmpty() ? m_installer->offlinePackage() : suffix;
+    if (checkOfflineInstallFile(file))
+        return true;
+    emit errorOccurred(CBEnum::EC_VerifyFailed);
+    qCCritical(lcCorbeth) << "offlineInstall checkOfflineInstallFile failed" << Q_FUNC_INFO;
+    return false;
+}
+
+bool ManagerPrivate::checkOfflineInstallFile(const QString &path)
+{
+    const QString companion = path.endsWith(QLatin1String(".verify")) ? path : path + QLatin1String(".verify");
+    qCDebug(lcCorbeth) << "check verify code" << path << companion;
+    QFile verify(companion);
+    if (!verify.exists()) {
+        qCDebug(lcCorbeth) << "verifyFile not existed! ";
+        return true;
+    }
+    if (!verify.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        qCDebug(lcCorbeth) << "verifyFile open failed! ";
+        return true;
+    }
+    const QString expected = QTextStream(&verify).readAll();
+    verify.close();
+    if (SQLHelper::calculateMD5(path) == expected)
+        return true;
+    qCWarning(lcCorbeth) << "md5 verify failed!" << Q_FUNC_INFO;
+    return false;
+}
+
+bool ManagerPrivate::packageMatches(const QString &md5, const QString &path)
+{
+    if (md5.isEmpty())
+        return true;
+    const QString actual = SQLHelper::calculateMD5(path);
+    qCDebug(lcCorbeth) << "local calcutelate md5" << actual;
+    if (actual == md5)
+        return true;
+    qCDebug(lcCorbeth) << "checkPackage calculateMD5 = " << actual << " md5 = " << md5;
+    return false;
+}
+
+bool ManagerPrivate::checkPackage(const QString &md5, const QString &path)
+{
+    setTaskStatus(CBEnum::TS_Verifying);
+    return packageMatches(md5, path);
+}
+
+void ManagerPrivate::downloadPackage(const QString &path)
+{
+    qCInfo(lcCorbeth) << "download package" << path;
+    if (refuseWhileWaiting("downloadPackage"))
+        return;
+    if (path.isEmpty()) {
+        qCCritical(lcCorbeth) << "path is empty";
+        fail(CBEnum::EC_SoftwarePathError);
+        return;
+    }
+    m_installer->setInstallPath(path);
+    setOperation(O_OfflineDownload);
+    reqDownloadPackage();
+}
+
+void ManagerPrivate::onDownloadPackageFinished(const QVariantMap &params)
+{
+    qCDebug(lcCorbeth) << "download package finished" << params;
+    if (m_taskStatus == CBEnum::TS_Aborted || m_operation != O_OfflineDownload)
+        return;
+    if (!handleDownloadOfflineModule(params))
+        return;
+    m_packageInfo = params.value(QStringLiteral("result")).toMap();
+    emit q->downloadPackageFinished();
+    emit finished();
+}
+
+void ManagerPrivate::uncompressPackage(const QString &package, const QString &folder)
+{
+    qCInfo(lcCorbeth) << "uncompress package" << package << folder;
+    setOperation(O_Installing);
+    if (package.isEmpty() || folder.isEmpty()) {
+        qCCritical(lcCorbeth) << "path is empty";
+        fail(CBEnum::EC_FileNotOpen);
+        return;
+    }
+    startUnpack(package, folder);
+}
+
+void ManagerPrivate::installing(const QString &path)
+{
+    qCInfo(lcCorbeth) << "installing" << path;
+    setOperation(O_Installing);
+    if (!path.isEmpty())
+        m_installer->setInstallPath(path);
+    if (m_installer->installPath().isEmpty()) {
+        qCCritical(lcCorbeth) << "path is empty";
+        fail(CBEnum::EC_SoftwarePathError);
+        return;
+    }
+    startEngineInstall();
+}
+
+// --- update, patch, uninstall --------------------------------------------------------
+
+bool ManagerPrivate::installPackage()
+{
+    qCInfo(lcCorbeth) << "update package";
+    if (refuseWhileWaiting("installPackage"))
+        return false;
+    setOperation(O_Update);
+    setTaskStatus(CBEnum::TS_Installing);
+    if (!uninstallOldSoftware()) {
+        fail(CBEnum::EC_UninstallOlderSoftwareFail);
+        return false;
+    }
+    // A client that installed into a path of its own choosing updates it.
+    if (m_installer->olderSoftwarePath().isEmpty() && !m_installer->installPath().isEmpty())
+        m_installer->setOlderInstallPath(m_installer->installPath());
+    return m_installer->update();
+}
+
+bool ManagerPrivate::installPatch()
+{
+    qCInfo(lcCorbeth) << "update patch package";
+    if (refuseWhileWaiting("installPatch"))
+        return false;
+    setOperation(O_UpdatePatch);
+    setTaskStatus(CBEnum::TS_Installing);
+    if (m_installer->olderSoftwarePath().isEmpty() && !m_installer->installPath().isEmpty())
+        m_installer->setOlderInstallPath(m_installer->installPath());
+    return m_installer->updatePatch();
+}
+
+bool ManagerPrivate::uninstallPackage(const QString &flow)
+{
+    qCInfo(lcCorbeth) << "uninstall package" << flow;
+    if (refuseWhileWaiting("uninstallPackage"))
+        return false;
+    setOperation(O_Uninstall);
+    setTaskStatus(CBEnum::TS_Uninstalling);
+    return m_installer->uninstallPackage(flow);
+}
+
+void ManagerPrivate::onEngineUninstallFinished()
+{
+    if (m_operation != O_Uninstall || !isRunning())
+        return;
+    emit uninstallPackageFinished();
+    completeProgress();
+    emit finished();
+}
+
+bool ManagerPrivate::uninstallOldSoftware()
+{
+    if (!m_installer->needUninstallOlder())
+        return true;
+    if (m_installer->uninstallOldSoftware())
+        return true;
+    qCCritical(lcCorbeth) << "uninstall older software fail";
+    return false;
+}
+
+void ManagerPrivate::uninstallOlderSoftwareTask()
+{
+    qCInfo(lcCorbeth) << "uninstall old software";
+    if (refuseWhileWaiting("uninstallOldSoftware"))
+        return;
+    setOperation(O_Uninstall);
+    setTaskStatus(CBEnum::TS_Uninstalling);
+    if (!m_installer->uninstallOldSoftware()) {
+        fail(CBEnum::EC_UninstallOlderSoftwareFail);
+        return;
+    }
+    completeProgress();
+    emit finished();
+}
+
+// --- self-upgrade, hardware, revocation ------------------------------------------------
+
+bool ManagerPrivate::checkSelfUpdateAndDownload()
+{
+    qCInfo(lcCorbeth) << "check self update";
+    if (refuseWhileWaiting("checkSelfUpdateAndDownload"))
+        return false;
+    setOperation(O_SelfUpdate);
+    Vindal::Reply *reply = nullptr;
+    {
+        ServiceWait wait(m_serviceWaits);
+        reply = m_vindaler->checkUpgradeAndDownload(QCoreApplication::applicationDirPath());
+    }
+    if (!reply) {
+        // No newer installer, or the repository could not tell: nothing to do.
+        qCInfo(lcCorbeth) << "no self upgrade";
+        return false;
+    }
+    setTaskStatus(CBEnum::TS_Downloading);
+    m_downloadReply = reply;
+    connect(reply, &Vindal::Reply::downloadProgress, this, &ManagerPrivate::onProgress);
+    whenFinished(reply, [this](const QVariantMap &params) {
+        if (m_operation != O_SelfUpdate || m_taskStatus == CBEnum::TS_Aborted)
+            return;
+        const CBEnum::ErrorCode code = Vindaler::toErrorCode(params.value(QStringLiteral("errorCode")).toInt());
+        if (code != CBEnum::EC_NoError) {
+            qCCritical(lcCorbeth) << "self upgrade fail" << params.value(QStringLiteral("errorMessage")).toString();
+            fail(code);
+            return;
+        }
+        m_packageInfo = params.value(QStringLiteral("result")).toMap();
+        emit selfUpgradeFinished();
+        emit finished();
+    });
+    return true;
+}
+
+void ManagerPrivate::getHardwareInfo()
+{
+    auto *watcher = new QFutureWatcher<HardwareInfo>(this);
+    connect(watcher, &QFutureWatcher<HardwareInfo>::finished, this, [this, watcher] {
+        emit q->getHardwareInfoFinished(watcher->result());
+        watcher->deleteLater();
+    });
+    watcher->setFuture(QtConcurrent::run([] { return SystemInfo().getHardwareInfo(); }));
+}
+
+void ManagerPrivate::revocateInstall()
+{
+    qCInfo(lcCorbeth) << "revocate install" << m_taskStatus;
+    m_retryTimer.stop();
+    m_retryCount = 0;
+    if (!isRunning()) {
+        qCInfo(lcCorbeth) << "nothing to revocate";
+        return;
+    }
+    setTaskStatus(CBEnum::TS_Aborted);
+    if (m_downloadReply)
+        m_downloadReply->abort();
+    if (m_unpackReply)
+        m_unpackReply->abort();
+    m_installer->abort();
+    // The task ends here, once: the client hears TS_Aborted and finished().
+    emit q->finished();
+}
+
+} // namespace Corbeth

@@ -1,0 +1,160 @@
+#include "records/sqlhelper.h"
+
+#include "logging_p.h"
+#include "manager/ptrmanager.h"
+#include "modules/vindaler.h"
+#include "platform/skglobal.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QDateTime>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonObject>
+#include <QtCore/QRegularExpression>
+
+namespace Corbeth {
+
+namespace {
+const QString kStorePath = QStringLiteral("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller");
+// A package file counts for reuse while it is younger than this.
+const qint64 kMaxAgeSeconds = 259200;
+const qint64 kReadSize = 0xA00000;
+} // namespace
+
+SQLHelper::SQLHelper(QObject *parent)
+    : QObject(parent)
+    , m_valueName(QStringLiteral("onlinePackageInfo"))
+{
+}
+
+SQLHelper::~SQLHelper() = default;
+
+QVariantMap SQLHelper::allPackageInfo() const
+{
+    return SKGlobal::instance()->settingValue(kStorePath, m_valueName).toMap();
+}
+
+QVariantMap SQLHelper::appPackageInfo() const
+{
+    return allPackageInfo().value(QCoreApplication::applicationName()).toMap();
+}
+
+bool SQLHelper::markOnlinePackage(QVariantMap &info)
+{
+    QVariantMap all = allPackageInfo();
+    QVariantMap record = all.value(QCoreApplication::applicationName()).toMap();
+    SKGlobal::instance()->mergeMap(record, info);
+    info = record;
+    all.insert(QCoreApplication::applicationName(), record);
+    qCDebug(lcCorbeth) << "mark online package" << QJsonObject::fromVariantMap(record);
+    SKGlobal::instance()->setSettingValue(kStorePath, m_valueName, all);
+    return true;
+}
+
+bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) const
+{
+    bool converted = false;
+    const qint64 bytesTotal = record.value(QStringLiteral("bytesTotal")).toLongLong(&converted);
+    if (!converted) {
+        qCDebug(lcCorbeth) << "oline packagesize info error";
+        return false;
+    }
+    const QFileInfo local(localPath);
+    if (!local.exists()) {
+        qCWarning(lcCorbeth) << "file not exist" << localPath;
+        return false;
+    }
+    if (local.size() != bytesTotal) {
+        qCDebug(lcCorbeth) << "size not same" << local.size() << bytesTotal;
+        return false;
+    }
+    static const QRegularExpression copyNumber(QStringLiteral("\\(\\d+\\)"));
+    const QString localName = local.completeBaseName().remove(copyNumber);
+    const QString recordName
+        = QFileInfo(record.value(QStringLiteral("file")).toMap().value(QStringLiteral("name")).toString())
+              .completeBaseName();
+    if (localName != recordName) {
+        qCDebug(lcCorbeth) << "filename not same" << localName << recordName;
+        return false;
+    }
+    const QDateTime now = QDateTime::currentDateTime();
+    const QDateTime modified = local.lastModified();
+    if (!(modified < now) || modified.secsTo(now) >= kMaxAgeSeconds)
+        return false;
+    qCInfo(lcCorbeth) << "local is same file";
+    return true;
+}
+
+bool SQLHelper::findLocalPackage(const QString &folder, const QVariantMap &record, QString &found) const
+{
+    const QFileInfoList files = QDir(folder).entryInfoList(QDir::Files, QDir::NoSort);
+    for (const QFileInfo &file : files) {
+        if (file.suffix() != QLatin1String("tolmpkg"))
+            continue;
+        if (isSameFile(record, file.absoluteFilePath())) {
+            found = file.absoluteFilePath();
+            qCDebug(lcCorbeth) << ".suffix" << file.suffix();
+            return true;
+        }
+    }
+    return false;
+}
+
+bool SQLHelper::searchPackage(const QString &installPath, QVariantMap &package) const
+{
+    QVariantMap online = PtrManager::instance()->vindaler()->packageInfo();
+    if (online.isEmpty()) {
+        qCDebug(lcCorbeth) << "oline package info is empty";
+        return false;
+    }
+    QVariantMap record = appPackageInfo();
+    const QString recordPath = record.value(QStringLiteral("path")).toString();
+    if (!record.isEmpty() && isSameFile(online, recordPath)) {
+        qCDebug(lcCorbeth) << "sql package info" << record << recordPath;
+        SKGlobal::instance()->mergeMap(record, online);
+        package = record;
+        return true;
+    }
+    qCDebug(lcCorbeth) << "sql not exist package";
+    qCDebug(lcCorbeth) << "search package by installpath.";
+    QString found;
+    if (findLocalPackage(installPath, online, found)) {
+        qCDebug(lcCorbeth) << "installpath have";
+        online.insert(QStringLiteral("path"), found);
+        package = online;
+        return true;
+    }
+    qCDebug(lcCorbeth) << "local not exist same package";
+    return false;
+}
+
+QString SQLHelper::calculateMD5(const QString &filePath)
+{
+    QFile file(filePath);
+    if (!file.exists()) {
+        qCCritical(lcCorbeth) << "calculateMD5 file not existed! file path = " << filePath;
+        return QString();
+    }
+    if (!file.open(QIODevice::ReadOnly)) {
+        qCCritical(lcCorbeth) << "calculateMD5 can not open file path = " << filePath;
+        return QString();
+    }
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    QByteArray buffer(int(kReadSize), Qt::Uninitialized);
+    for (;;) {
+        const qint64 read = file.read(buffer.data(), kReadSize);
+        if (read < 0) {
+            // Half a digest would pass for a wrong one: report nothing.
+            qCCritical(lcCorbeth) << "calculateMD5 can not open file path = " << filePath << file.errorString();
+            return QString();
+        }
+        if (read == 0)
+            break;
+        hash.addData(buffer.constData(), int(read));
+    }
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+} // namespace Corbeth
