@@ -6,6 +6,7 @@
 
 #include <QtCore/QEventLoop>
 #include <QtCore/QMutexLocker>
+#include <QtCore/QScopeGuard>
 
 namespace Corbeth {
 
@@ -96,7 +97,18 @@ void Vindaler::onInited(const QVariantMap &params)
 
 bool Vindaler::init(Vindal::Reply *&reply)
 {
+    if (m_inited.loadAcquire())
+        return true;
+    // A request made on this thread from inside the wait below (a timer, a
+    // click) would block on the mutex this thread already holds, for ever:
+    // it is refused. Other threads wait their turn.
+    if (m_initThread.loadAcquire() == QThread::currentThread()) {
+        qCCritical(lcCorbeth) << "init busy";
+        return false;
+    }
     QMutexLocker locker(&m_mutex);
+    m_initThread.storeRelease(QThread::currentThread());
+    const auto done = qScopeGuard([this] { m_initThread.storeRelease(nullptr); });
     if (m_inited.loadAcquire())
         return true;
     if (m_config.isEmpty()) {

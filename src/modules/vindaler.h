@@ -80,6 +80,8 @@ private:
     QAtomicInt m_inited;
     QVariantMap m_config;
     QMutex m_mutex;
+    // The thread inside init() while it waits for the service, if any.
+    QAtomicPointer<QThread> m_initThread;
 };
 
 } // namespace Corbeth

@@ -1,6 +1,6 @@
 // The four operations end to end on a small example product, and every way
 // each of them can fail.
-#include "manager/metatypes_p.h"
+#include "types/metatypes_p.h"
 #include "platform/skglobal.h"
 
 #include "logcapture.h"

@@ -3,7 +3,7 @@
 #include <corbeth/cbenum.h>
 #include <corbeth/hardwareinfo.h>
 
-#include "manager/metatypes_p.h"
+#include "types/metatypes_p.h"
 
 #include <QtCore/QMetaEnum>
 #include <QtCore/QThread>

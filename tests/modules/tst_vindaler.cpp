@@ -7,7 +7,9 @@
 #include "modules/vindaler.h"
 
 #include <QtCore/QTemporaryDir>
+#include <QtCore/QTimer>
 #include <QtCore/QUrl>
+#include <QtNetwork/QTcpServer>
 #include <QtTest/QSignalSpy>
 
 using namespace Corbeth;
@@ -112,6 +114,34 @@ private slots:
                  qPrintable(log.dump()));
         QVERIFY(!vindaler.isInited());
         QCOMPARE(inited.count(), 0);
+    }
+
+    // A request made on the waiting thread while the service is being
+    // configured (a retry timer, a click) is refused instead of blocking on
+    // the configuration's lock for ever.
+    void requestInsideConfigurationWait()
+    {
+        QTcpServer silent; // accepts, never answers
+        QVERIFY(silent.listen(QHostAddress::LocalHost));
+        QVariantMap config = serviceConfig("http://127.0.0.1:%1/"_s.arg(silent.serverPort()));
+        config.insert("stallTimeout"_s, 1);
+        // Not yet accepted, so the download configures the service itself and
+        // waits; the timer fires inside that wait.
+        Vindaler vindaler;
+        vindaler.setConfigData(config)->deleteLater();
+        bool nested = false;
+        Vindal::Reply *inner = nullptr;
+        QTimer::singleShot(200, &vindaler, [&] {
+            nested = true;
+            inner = vindaler.downloadOfflineModule("app"_s);
+        });
+        LogCapture log;
+        Vindal::Reply *outer = vindaler.downloadOfflineModule("app"_s);
+        QVERIFY(nested);
+        QCOMPARE(inner, nullptr);
+        QVERIFY2(log.contains("init busy"_s, QtCriticalMsg), qPrintable(log.dump()));
+        if (outer)
+            outer->deleteLater();
     }
 
     void temporaryStoragePath_data()
