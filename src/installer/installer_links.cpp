@@ -4,6 +4,7 @@
 #include "logging_p.h"
 #include "platform/skglobal.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 
@@ -28,6 +29,8 @@ bool Installer::links(const QList<LinkInfo> &items)
         // A link left by an earlier install may point nowhere and still be in the way.
         if (QFile::exists(dest) || QFileInfo(dest).isSymLink())
             QFile::remove(dest);
+        // A shortcut may go into a folder of its own ("Start Menu/Vendor").
+        QDir().mkpath(QFileInfo(dest).absolutePath());
         if (QFile::link(src, dest))
             qCDebug(lcCorbeth) << "success link" << src << dest;
         else

@@ -61,6 +61,11 @@ ManagerPrivate::ManagerPrivate(Manager *manager)
             Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
 }
 
+ManagerPrivate *ManagerPrivate::get(Manager *manager)
+{
+    return manager->d;
+}
+
 ManagerPrivate::~ManagerPrivate()
 {
     qCDebug(lcCorbeth) << "delete ptrmanager";
@@ -243,7 +248,7 @@ void ManagerPrivate::onRetryTimeout()
     qCWarning(lcCorbeth) << "retry" << m_retryCount << QMetaEnum::fromType<Operation>().valueToKey(m_operation);
     const QString path = m_installer->installPath();
     if (m_operation == O_OfflineDownload)
-        downloadPackage(path);
+        downloadPackage(m_downloadFolder);
     else if (m_operation == O_OnlineInstall)
         onlineInstall(path);
 }

@@ -38,6 +38,8 @@ public:
     explicit ManagerPrivate(Manager *q);
     ~ManagerPrivate() override;
 
+    static ManagerPrivate *get(Manager *manager);
+
     CBEnum::ErrorCode initRemote();
     void offlineInstall(const QString &path);
     void downloadPackage(const QString &path);
@@ -157,8 +159,8 @@ private:
     QPointer<Vindal::Reply> m_downloadReply;
     QPointer<Vindal::Reply> m_unpackReply;
     QFutureWatcher<JobResult> m_prepareJob;
-    // Where the unpack of the running task goes.
-    QString m_unpackFolder;
+    // The folder an offline download goes to; retries use it again.
+    QString m_downloadFolder;
     // Depth of calls that wait in a nested loop for the module service.
     int m_serviceWaits = 0;
 };

@@ -156,7 +156,8 @@ bool ManagerPrivate::onlineInstall(const QString &path)
 bool ManagerPrivate::reqDownloadPackage()
 {
     Vindal::Reply *reply = nullptr;
-    const CBEnum::ErrorCode code = reqDownloadOfflineModule(m_installer->installPath(), reply);
+    const QString path = m_operation == O_OfflineDownload ? m_downloadFolder : m_installer->installPath();
+    const CBEnum::ErrorCode code = reqDownloadOfflineModule(path, reply);
     if (code != CBEnum::EC_NoError) {
         qCCritical(lcCorbeth) << "error " << Q_FUNC_INFO << codeName(code);
         emit errorOccurred(code);
@@ -351,7 +352,6 @@ void ManagerPrivate::startUnpack(const QString &file, const QString &folder)
     auto *reply = new Vindal::Reply;
     qCDebug(lcCorbeth) << "check";
     m_unpackReply = reply;
-    m_unpackFolder = folder;
     connect(reply, &Vindal::Reply::progress, this, &ManagerPrivate::onProgress);
     whenFinished(reply, [this](const QVariantMap &params) { onInstallUncompress(params); });
     m_vindaler->loadOfflinePackage(reply, file, folder);
@@ -494,7 +494,8 @@ void ManagerPrivate::downloadPackage(const QString &path)
         fail(CBEnum::EC_SoftwarePathError);
         return;
     }
-    m_installer->setInstallPath(path);
+    // The package goes into path itself; the install path stays as it is.
+    m_downloadFolder = path;
     setOperation(O_OfflineDownload);
     reqDownloadPackage();
 }

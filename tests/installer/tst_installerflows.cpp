@@ -310,8 +310,20 @@ private:
         env.insert("CORBETH_CHILD"_s, "1"_s);
         child.setProcessEnvironment(env);
         QStringList args{QCoreApplication::applicationFilePath(), function};
-        if (asNobody)
-            args = QStringList{"--reuid=nobody"_s, "--regid=nogroup"_s, "--clear-groups"_s} + args;
+        // The build may lie in a folder only its owner can enter: another user
+        // runs a copy, with the module service library beside it.
+        QTemporaryDir reachable(QDir::tempPath() + "/corbeth-child-XXXXXX"_s);
+        if (asNobody) {
+            const QString copy = reachable.filePath(QFileInfo(args.first()).fileName());
+            if (!QFile::copy(args.first(), copy) || !QFile::copy(QStringLiteral(VINDAL_LIBRARY),
+                                                                 reachable.filePath(QStringLiteral(VINDAL_SONAME))))
+                return "cannot copy the test for another user"_s;
+            QFile::setPermissions(reachable.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                                        | QFile::ReadOther | QFile::ExeOther);
+            env.insert("LD_LIBRARY_PATH"_s, reachable.path());
+            child.setProcessEnvironment(env);
+            args = QStringList{"--reuid=nobody"_s, "--regid=nogroup"_s, "--clear-groups"_s, copy, function};
+        }
         child.start(asNobody ? "setpriv"_s : args.takeFirst(), args);
         if (!child.waitForFinished(90000))
             child.kill();

@@ -7,6 +7,7 @@
 //   drop     the first request ends after half the file; later ones are ok
 //   stall    headers and the first KiB, then silence
 //   busy     the first request gets 503; later ones are ok
+//   down     every request for a package gets 503
 //   norange  always 200 and the whole file, whatever the Range header says
 //   short    a Content-Length ten bytes short of the file
 //   endless  the file, then garbage without end (no Content-Length)
@@ -71,6 +72,8 @@ void serve(QTcpSocket *socket, const QByteArray &path, const QByteArray &range)
         return socket->abort();
     if (fault == "busy")
         return reply(socket, "503 Service Unavailable", "Retry-After: 1\r\n", "busy");
+    if (fault == "down")
+        return reply(socket, "503 Service Unavailable", QByteArray(), "down");
     if (fault == "stall") // and nothing more, until the client gives up
         return void(socket->write("HTTP/1.1 200 OK\r\nContent-Length: " + length + "\r\n\r\n" + content.left(1024)));
     if (fault == "norange")
