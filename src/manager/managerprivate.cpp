@@ -227,6 +227,9 @@ void ManagerPrivate::onConfigDataChanged()
     m_retryTimer.setSingleShot(true);
     connect(&m_retryTimer, &QTimer::timeout, this, &ManagerPrivate::onRetryTimeout,
             Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
+    // Without a limit the rounds go on until a download succeeds or the task
+    // is revoked; a client that must end on its own sets one.
+    m_retryRoundLimit = qMax(0, download.value(QStringLiteral("retryRounds")).toInt());
 }
 
 void ManagerPrivate::onRetryTimeout()
@@ -240,8 +243,15 @@ void ManagerPrivate::onRetryTimeout()
     }
     if (m_retryCount > 3) {
         qCCritical(lcCorbeth) << "retry too more" << m_retryCount << m_retryTimer.interval();
-        m_retryTimer.start();
         m_retryCount = 0;
+        if (m_retryRoundLimit > 0 && ++m_retryRounds >= m_retryRoundLimit) {
+            // The last attempt's failure is the task's.
+            qCCritical(lcCorbeth) << "retry rounds used up" << m_retryRounds;
+            m_retryRounds = 0;
+            fail(Vindaler::toErrorCode(m_lastError));
+            return;
+        }
+        m_retryTimer.start();
         return;
     }
     ++m_retryCount;
@@ -267,7 +277,6 @@ qint64 ManagerPrivate::packageSize() const
 
 void ManagerPrivate::fail(CBEnum::ErrorCode code)
 {
-    m_lastError = code;
     emit errorOccurred(code);
     setTaskStatus(CBEnum::TS_Aborted);
 }

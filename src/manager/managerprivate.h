@@ -147,7 +147,7 @@ private:
     QString m_cachePath;
     // The last download result ("errorCode", "result", "packageExisted").
     QVariantMap m_downloadResult;
-    // The code of the last failure the manager reported itself, -1 for none.
+    // The module service's code for the last failed download, -1 for none.
     int m_lastError = -1;
     Manager *q;
     QTimer m_retryTimer;
@@ -163,6 +163,9 @@ private:
     QString m_downloadFolder;
     // Depth of calls that wait in a nested loop for the module service.
     int m_serviceWaits = 0;
+    // Retry rounds done, and how many the configuration allows (0: no end).
+    int m_retryRounds = 0;
+    int m_retryRoundLimit = 0;
 };
 
 } // namespace Corbeth

@@ -269,10 +269,12 @@ bool ManagerPrivate::handleDownloadOfflineModule(const QVariantMap &params)
         return false;
     if (code != 0) {
         qCCritical(lcCorbeth) << "error" << code << Q_FUNC_INFO;
+        m_lastError = code;
         onRetryTimeout();
         return false;
     }
     m_retryCount = 0;
+    m_retryRounds = 0;
     m_retryTimer.stop();
     qCDebug(lcCorbeth) << "cache  path" << cacheFolderOf(m_installer->installPath());
     return true;
@@ -669,6 +671,7 @@ void ManagerPrivate::revocateInstall()
         qCInfo(lcCorbeth) << "nothing to revocate";
         return;
     }
+    m_retryRounds = 0;
     setTaskStatus(CBEnum::TS_Aborted);
     if (m_downloadReply)
         m_downloadReply->abort();

@@ -145,10 +145,13 @@ class tst_ManagerFlows : public QObject
         return "http://127.0.0.1:%1/%2/"_s.arg(m_nginx.http).arg(name);
     }
 
-    bool configure(Client &client, const QString &repository, bool online = true)
+    bool configure(Client &client, const QString &repository, bool online = true, int retryRounds = 0)
     {
         const QByteArray json = QString::fromUtf8(kProduct).arg(repository, m_work.path()).toUtf8();
-        if (client.manager.setConfigData(QJsonDocument::fromJson(json).object().toVariantMap()) != CBEnum::EC_NoError)
+        QVariantMap config = QJsonDocument::fromJson(json).object().toVariantMap();
+        if (retryRounds > 0)
+            config.insert("download"_s, QVariantMap{{"retryInterval"_s, 1}, {"retryRounds"_s, retryRounds}});
+        if (client.manager.setConfigData(config) != CBEnum::EC_NoError)
             return false;
         return !online || client.manager.initRemote() == CBEnum::EC_NoError;
     }
@@ -310,6 +313,14 @@ private slots:
         // No attempt was reported as an error: the engine keeps trying.
         QVERIFY(client.events.filter("error"_s).isEmpty());
         QVERIFY(faults.log().count("GET /down/modules/demo/demo") >= 6);
+
+        // With a limit of one round, the round's end is the task's end.
+        Client limited;
+        QVERIFY(configure(limited, faults.url("down"_s), true, 1));
+        QVERIFY(limited.manager.onlineInstall(path("retry/limited"_s)));
+        QVERIFY(QTest::qWaitFor([&] { return !limited.events.filter("error"_s).isEmpty(); }, 30000));
+        QCOMPARE(limited.events.filter("error"_s), QStringList{"error EC_UnknownNetworkError"_s});
+        QCOMPARE(limited.manager.taskStatus(), uint(CBEnum::TS_Aborted));
     }
 
     void revocation_data()
