@@ -517,6 +517,8 @@ void ManagerPrivate::onDownloadPackageFinished(const QVariantMap &params)
 void ManagerPrivate::uncompressPackage(const QString &package, const QString &folder)
 {
     qCInfo(lcCorbeth) << "uncompress package" << package << folder;
+    if (refuseWhileWaiting("uncompressPackage"))
+        return;
     setOperation(O_Installing);
     if (package.isEmpty() || folder.isEmpty()) {
         qCCritical(lcCorbeth) << "path is empty";
@@ -529,6 +531,8 @@ void ManagerPrivate::uncompressPackage(const QString &package, const QString &fo
 void ManagerPrivate::installing(const QString &path)
 {
     qCInfo(lcCorbeth) << "installing" << path;
+    if (refuseWhileWaiting("installing"))
+        return;
     setOperation(O_Installing);
     if (!path.isEmpty())
         m_installer->setInstallPath(path);
