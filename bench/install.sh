@@ -19,6 +19,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
 which=${2:-all}
+[[ $which =~ ^(online|offline|all)$ ]] || { echo "usage: $0 [build-dir] [online|offline|all]" >&2; exit 2; }
 client=$build/bench/corbeth-bench-install
 pack=$build/tools/corbeth-pack/corbeth-pack
 for tool in "$client" "$pack"; do
@@ -136,10 +137,6 @@ bench() { # <label> <composite command> <client args...>
 }
 
 url="http://127.0.0.1:$port/modules/tree/$file"
-case $which in
-online | offline | all) ;;
-*) echo "usage: $0 [build-dir] [online|offline|all]" >&2; exit 2 ;;
-esac
 if [[ $which != offline ]]; then
     bench online "curl -sf -o '$work/dl.bin' '$url' && md5sum '$work/dl.bin' && bsdtar -xf '$work/dl.bin' -C '$work/out'" \
         online "$work/config.json" "$work/inst"
