@@ -109,9 +109,11 @@ void ManagerPrivate::useStorageFolder(const QString &folder)
                                 .toMap()
                                 .value(QStringLiteral("temporaryStoragePath"))
                                 .toString();
-    // A folder the product maker configured stays; so does one already in use.
-    if (current == folder || current.isEmpty()
-        || m_configer->velmiraInfo().contains(QStringLiteral("startDownload"))) {
+    if (current == folder)
+        return;
+    // The first folder goes through the adapter, which also keeps a folder
+    // the product maker configured; later ones replace the engine's own.
+    if (current.isEmpty() || m_configer->velmiraInfo().contains(QStringLiteral("startDownload"))) {
         m_vindaler->setTemporaryStoragePath(folder);
         return;
     }
