@@ -3,6 +3,7 @@
 #include "installer/installer.h"
 
 #include "config/configer.h"
+#include "config/configvalue.h"
 #include "logging_p.h"
 #include "manager/ptrmanager.h"
 #include "platform/skglobal.h"
@@ -15,73 +16,19 @@
 
 namespace Corbeth {
 
+using namespace ConfigValue;
+
 namespace {
 
 const char installerSettingPath[] = "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller";
 
-// A configuration comes from a JSON document or from a client's own map, so a
-// list may arrive as either list type.
-bool isList(const QVariant &value)
-{
-    return value.userType() == QMetaType::QVariantList || value.userType() == QMetaType::QStringList;
-}
-
-bool isMap(const QVariant &value)
-{
-    return value.userType() == QMetaType::QVariantMap;
-}
-
-bool isStringList(const QVariant &value)
-{
-    if (value.userType() == QMetaType::QStringList)
-        return true;
-    if (value.userType() != QMetaType::QVariantList)
-        return false;
-    const QVariantList list = value.toList();
-    return std::all_of(list.cbegin(), list.cend(),
-                       [](const QVariant &item) { return item.userType() == QMetaType::QString; });
-}
-
-// Reads an optional string member; a member of another type is a fault.
-bool readString(const QVariantMap &map, const QString &key, QString &out)
-{
-    const auto it = map.constFind(key);
-    if (it == map.cend())
-        return true;
-    if (it->userType() != QMetaType::QString)
-        return false;
-    out = it->toString();
-    return true;
-}
-
-bool readStringList(const QVariantMap &map, const QString &key, QStringList &out)
-{
-    const auto it = map.constFind(key);
-    if (it == map.cend())
-        return true;
-    if (!isStringList(*it))
-        return false;
-    out = it->toStringList();
-    return true;
-}
-
-bool configError(const QVariant &value)
-{
-    qCWarning(lcCorbeth) << "configdata error" << value;
-    return false;
-}
-
-// Hands each element of a list of objects to parse; stops at the first fault.
+// Each element of a list, taken as an object.
 template<typename Parse>
-bool forEachObject(const QVariant &value, Parse parse)
+bool forEachObject(const QVariant &value, const QString &key, Parse parse)
 {
-    if (!isList(value))
-        return configError(value);
-    const QVariantList items = value.toList();
+    const QVariantList items = ConfigValue::toList(value, key);
     for (const QVariant &element : items) {
-        if (!isMap(element))
-            return configError(element);
-        if (!parse(element.toMap()))
+        if (!parse(ConfigValue::toMap(element, key)))
             return false;
     }
     return true;
@@ -205,23 +152,18 @@ void Installer::onConfigDataChanged()
     const auto clearProcess = document.constFind(QStringLiteral("clearProcess"));
     if (clearProcess != document.cend()) {
         qCInfo(lcCorbeth) << "init clearProcess";
-        if (isStringList(*clearProcess))
-            m_clearProcess = clearProcess->toStringList();
-        else
-            configError(*clearProcess);
+        m_clearProcess = toStringList(*clearProcess, clearProcess.key());
     }
 
     const auto customTag = document.constFind(QStringLiteral("customTag"));
     if (customTag != document.cend()) {
-        const bool ok = isList(*customTag) ? parseCustomTag(customTag->toList()) : configError(*customTag);
-        if (!ok)
+        if (!parseCustomTag(toList(*customTag, customTag.key())))
             qCCritical(lcCorbeth) << "customtag fail";
     }
 
     const auto additions = document.constFind(QStringLiteral("additions"));
     if (additions != document.cend()) {
-        const bool ok = isMap(*additions) ? parseAdditions(additions->toMap()) : configError(*additions);
-        if (!ok)
+        if (!parseAdditions(toMap(*additions, additions.key())))
             qCCritical(lcCorbeth) << "customtag fail";
     }
 
@@ -236,12 +178,8 @@ void Installer::onConfigDataChanged()
 InstallInfoSet Installer::parseInstallInfoSet(const QVariantMap &document)
 {
     auto section = [&document](const char *key) {
-        const auto it = document.constFind(QLatin1String(key));
-        if (it == document.cend())
-            return QVariantMap();
-        if (!isMap(*it))
-            configError(*it);
-        return it->toMap();
+        const QString name = QLatin1String(key);
+        return toMap(document.value(name), name);
     };
     InstallInfoSet set;
     set.install = parseInstallInfo(section("install"));
@@ -273,8 +211,7 @@ InstallInfoPtr Installer::parseInstallInfo(const QVariantMap &section)
          [&info](const QVariant &v) { return parseOlderSoftware(v, info->olderSoftwareInfo); });
 
     auto stringList = [&section](const char *key, QStringList &out) {
-        if (!readStringList(section, QLatin1String(key), out))
-            configError(section.value(QLatin1String(key)));
+        out = toStringList(section.value(QLatin1String(key)), QLatin1String(key));
     };
     stringList("removeFiles", info->removeFiles);
     stringList("removeSettings", info->removeSettings);
@@ -282,23 +219,16 @@ InstallInfoPtr Installer::parseInstallInfo(const QVariantMap &section)
         qCDebug(lcCorbeth) << "contains whitelist";
         stringList("whiteList", info->whiteList);
     }
-    const auto force = section.constFind(QStringLiteral("forceInstall"));
-    if (force != section.cend()) {
-        if (force->userType() == QMetaType::Bool)
-            info->forceInstall = force->toBool();
-        else
-            configError(*force);
-    }
+    info->forceInstall = toBool(section.value(QStringLiteral("forceInstall")), QStringLiteral("forceInstall"));
     return info;
 }
 
 bool Installer::parseCoverFiles(const QVariant &value, QList<CoverFileInfo> &out)
 {
-    return forEachObject(value, [&out](const QVariantMap &item) {
+    return forEachObject(value, QStringLiteral("coverFiles"), [&out](const QVariantMap &item) {
         CoverFileInfo cover;
-        if (!readString(item, QStringLiteral("src"), cover.pair.first)
-            || !readString(item, QStringLiteral("dest"), cover.pair.second))
-            return configError(item);
+        cover.pair.first = toString(item.value(QStringLiteral("src")), QStringLiteral("src"));
+        cover.pair.second = toString(item.value(QStringLiteral("dest")), QStringLiteral("dest"));
         if (!parseErrorLevel(item, cover.level))
             return false;
         out.append(cover);
@@ -308,9 +238,7 @@ bool Installer::parseCoverFiles(const QVariant &value, QList<CoverFileInfo> &out
 
 bool Installer::parseDrivers(const QVariant &value, QList<CBEnum::DriverType> &out)
 {
-    if (!isStringList(value))
-        return configError(value);
-    const QStringList words = value.toStringList();
+    const QStringList words = toStringList(value, QStringLiteral("checkDrivers"));
     for (const QString &word : words) {
         CBEnum::DriverType type;
         if (!Configer::strToDriverType(word, type)) {
@@ -324,23 +252,24 @@ bool Installer::parseDrivers(const QVariant &value, QList<CBEnum::DriverType> &o
 
 bool Installer::parseProcess(const QVariant &value, QList<ProcessHelper> &out)
 {
-    return forEachObject(value, [&out](const QVariantMap &item) {
+    return forEachObject(value, QStringLiteral("process"), [&out](const QVariantMap &item) {
         ProcessHelper process;
-        if (!readString(item, QStringLiteral("path"), process.program)
-            || !readStringList(item, QStringLiteral("arg"), process.args))
-            return configError(item);
-        bool ok = false;
-        process.waitTime = item.value(QStringLiteral("waitTime")).toInt(&ok);
-        if (!ok)
-            return configError(item);
-        process.runingTimeout = item.value(QStringLiteral("runingTimeout")).toInt(&ok);
-        if (!ok)
-            return configError(item);
+        process.program = toString(item.value(QStringLiteral("path")), QStringLiteral("path"));
+        process.args = toStringList(item.value(QStringLiteral("arg")), QStringLiteral("arg"));
+        const auto readInt = [&item](const char *key, int &field) {
+            if (toInt(item.value(QLatin1String(key)), QLatin1String(key), field))
+                return true;
+            qCWarning(lcCorbeth) << "configdata error" << item;
+            return false;
+        };
+        if (!readInt("waitTime", process.waitTime) || !readInt("runingTimeout", process.runingTimeout))
+            return false;
         if (!parseErrorLevel(item, process.level))
             return false;
         if (item.contains(QStringLiteral("extraProcess"))) {
-            QStringList words;
-            bool valid = readStringList(item, QStringLiteral("extraProcess"), words);
+            const QStringList words
+                = toStringList(item.value(QStringLiteral("extraProcess")), QStringLiteral("extraProcess"));
+            bool valid = true;
             for (const QString &word : qAsConst(words)) {
                 ExtraProcess extra;
                 valid = valid && Configer::strToExtraProcess(word, extra);
@@ -363,7 +292,7 @@ bool Installer::parseErrorLevel(const QVariantMap &item, ErrorLevel &level)
     if (it == item.cend())
         return true;
     ErrorLevel parsed;
-    if (it->userType() != QMetaType::QString || !Configer::strToErrorLevel(it->toString(), parsed)) {
+    if (!Configer::strToErrorLevel(toString(*it, it.key()), parsed)) {
         qCCritical(lcCorbeth) << "error level config fail" << item;
         return false;
     }
@@ -373,48 +302,37 @@ bool Installer::parseErrorLevel(const QVariantMap &item, ErrorLevel &level)
 
 bool Installer::parseSettings(const QVariant &value, QList<SettingInfo> &out)
 {
-    if (!isMap(value))
-        return configError(value);
-    const QVariantMap settings = value.toMap();
-    for (auto it = settings.cbegin(); it != settings.cend(); ++it) {
-        if (!isMap(it.value()))
-            return configError(it.value());
-        out.append({it.key(), it.value().toMap()});
-    }
+    const QVariantMap settings = toMap(value, QStringLiteral("settings"));
+    for (auto it = settings.cbegin(); it != settings.cend(); ++it)
+        out.append({it.key(), toMap(it.value(), it.key())});
     return true;
 }
 
 bool Installer::parseLinks(const QVariant &value, QList<LinkInfo> &out)
 {
-    return forEachObject(value, [&out](const QVariantMap &item) {
-        LinkInfo link;
-        if (!readString(item, QStringLiteral("src"), link.src) || !readString(item, QStringLiteral("dest"), link.dest))
-            return configError(item);
-        out.append(link);
+    return forEachObject(value, QStringLiteral("links"), [&out](const QVariantMap &item) {
+        out.append({toString(item.value(QStringLiteral("src")), QStringLiteral("src")),
+                    toString(item.value(QStringLiteral("dest")), QStringLiteral("dest"))});
         return true;
     });
 }
 
 bool Installer::parseOlderSoftware(const QVariant &value, OlderSoftwareInfo &out)
 {
-    if (!isMap(value))
-        return configError(value);
-    const QVariantMap older = value.toMap();
-    const QVariantMap locator = older.value(QStringLiteral("getOlderInstallPath")).toMap();
+    const QVariantMap older = toMap(value, QStringLiteral("olderSoftwareInfo"));
+    const QVariantMap locator
+        = toMap(older.value(QStringLiteral("getOlderInstallPath")), QStringLiteral("getOlderInstallPath"));
     OlderSoftwareInfo parsed;
-    if (!readString(locator, QStringLiteral("settingPath"), parsed.settingPath)
-        || !readString(locator, QStringLiteral("key"), parsed.key))
-        return configError(locator);
+    parsed.settingPath = toString(locator.value(QStringLiteral("settingPath")), QStringLiteral("settingPath"));
+    parsed.key = toString(locator.value(QStringLiteral("key")), QStringLiteral("key"));
     if (parsed.settingPath.isEmpty() || parsed.key.isEmpty()) {
         qCWarning(lcCorbeth) << "settingPath or empty" << locator;
         return true;
     }
     parsed.olderInstallPath = SKGlobal::instance()->settingValue(parsed.settingPath, parsed.key).toString();
-    if (!readStringList(older, QStringLiteral("removeSettings"), parsed.removeSettings)
-        || !readStringList(older, QStringLiteral("removeFiles"), parsed.removeFiles))
-        return configError(older);
-    if (older.contains(QStringLiteral("process"))
-        && !parseProcess(older.value(QStringLiteral("process")), parsed.process)) {
+    parsed.removeSettings = toStringList(older.value(QStringLiteral("removeSettings")), QStringLiteral("removeSettings"));
+    parsed.removeFiles = toStringList(older.value(QStringLiteral("removeFiles")), QStringLiteral("removeFiles"));
+    if (!parseProcess(older.value(QStringLiteral("process")), parsed.process)) {
         qCWarning(lcCorbeth) << "process error" << older;
         return false;
     }
@@ -449,15 +367,15 @@ QString Installer::expandPath(const QString &path) const
 bool Installer::parseCustomTag(const QList<QVariant> &tags)
 {
     for (const QVariant &tag : tags) {
-        const QVariantMap map = tag.toMap();
-        const QString name = map.value(QStringLiteral("name")).toString();
+        const QVariantMap map = toMap(tag, QStringLiteral("customTag"));
+        const QString name = toString(map.value(QStringLiteral("name")), QStringLiteral("name"));
         if (name.isEmpty()) {
             qCCritical(lcCorbeth) << "not contain name" << Q_FUNC_INFO;
             return false;
         }
-        const QVariantMap source = map.value(QStringLiteral("value")).toMap();
-        const QString settingPath = source.value(QStringLiteral("settingPath")).toString();
-        const QString key = source.value(QStringLiteral("key")).toString();
+        const QVariantMap source = toMap(map.value(QStringLiteral("value")), QStringLiteral("value"));
+        const QString settingPath = toString(source.value(QStringLiteral("settingPath")), QStringLiteral("settingPath"));
+        const QString key = toString(source.value(QStringLiteral("key")), QStringLiteral("key"));
         QString value;
         if (!settingPath.isEmpty() && !key.isEmpty())
             value = SKGlobal::instance()->settingValue(settingPath, key).toString();
@@ -478,9 +396,8 @@ bool Installer::parseAdditions(const QVariantMap &additions)
             qCCritical(lcCorbeth) << "addition repetition key:" << it.key();
             return false;
         }
-        if (!isMap(it.value()))
-            return configError(it.value());
-        all.insert(it.key(), parseInstallInfoSet(it.value().toMap()));
+        // One malformed addition is an empty one; its neighbours are kept.
+        all.insert(it.key(), parseInstallInfoSet(toMap(it.value(), it.key())));
     }
     m_additions = all;
     return true;
