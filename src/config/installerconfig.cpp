@@ -9,6 +9,7 @@
 #include "platform/skglobal.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QStandardPaths>
 
@@ -101,7 +102,13 @@ Installer::Installer(QObject *parent)
             [this] { qCDebug(lcCorbeth) << "installllllll path" << m_installPath; });
 }
 
-Installer::~Installer() = default;
+Installer::~Installer()
+{
+    // A copy of the cleanup tool that was never started would stay in the
+    // temporary folder for good; a started one removes itself.
+    if (!m_isSuicide && !m_suicideToolPath.isEmpty())
+        QFile::remove(m_suicideToolPath);
+}
 
 void Installer::initStandardLocations()
 {

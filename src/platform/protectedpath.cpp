@@ -6,48 +6,60 @@ namespace Corbeth {
 
 namespace {
 
-// Symbolic links and "." / ".." are resolved where the path exists, so a link
-// to the home folder is recognised as the home folder.
-fs::path normalised(const fs::path &path)
+template<typename Same>
+bool isInside(const fs::path &path, const fs::path &tree, Same same)
+{
+    for (fs::path q = path; q.has_relative_path(); q = q.parent_path()) {
+        if (same(q, tree))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+fs::path ProtectedPath::normalised(const fs::path &path)
 {
     std::error_code ec;
     fs::path result = fs::weakly_canonical(fs::absolute(path, ec), ec);
     if (ec)
         result = fs::absolute(path, ec).lexically_normal();
     // "C:\dir\" and "C:\dir" name the same folder.
-    if (result.has_relative_path() && !result.has_filename())
+    while (result.has_relative_path() && !result.has_filename())
         result = result.parent_path();
     return result;
 }
-
-} // namespace
 
 bool ProtectedPath::isProtected(const fs::path &path)
 {
     if (path.empty())
         return true;
     const fs::path p = normalised(path);
-    if (!p.has_relative_path())
-        return true; // a drive or file system root
+    if (isRoot(p))
+        return true;
+    const auto same = [](const fs::path &a, const fs::path &b) { return samePath(a, b); };
 
-    // The home folder and every folder above it.
-    const fs::path home = homeFolder();
-    if (!home.empty()) {
-        for (fs::path h = normalised(home); h.has_relative_path(); h = h.parent_path()) {
-            if (samePath(p, h))
-                return true;
-        }
+    // A home, or a folder that holds one.
+    if (isHomeParent(p) || (p.has_relative_path() && isHomeParent(p.parent_path())))
+        return true;
+    for (const fs::path &home : homeFolders()) {
+        if (isInside(normalised(home), p, same))
+            return true;
     }
     for (const fs::path &folder : systemFolders()) {
         if (samePath(p, normalised(folder)))
             return true;
     }
     for (const fs::path &tree : systemTrees()) {
-        const fs::path t = normalised(tree);
-        for (fs::path q = p; q.has_relative_path(); q = q.parent_path()) {
-            if (samePath(q, t))
-                return true;
+        if (!isInside(p, normalised(tree), same))
+            continue;
+        bool open = false;
+        for (const fs::path &openTree : openTrees()) {
+            const fs::path o = normalised(openTree);
+            open = open || (!samePath(p, o) && isInside(p, o, same));
         }
+        if (!open)
+            return true;
     }
     return false;
 }

@@ -6,20 +6,32 @@
 
 namespace Corbeth {
 
-// Folders that no removal may take away: a drive root, the user's home (or a
-// folder that holds it) and the system's own folders. Plain C++ without Qt, so
-// the self-deleting cleanup tool applies exactly the same rule as the engine.
+// Folders that no removal may take away: a drive, share or file system root,
+// every user's home folder (and every folder that holds one), the system's
+// trees with everything below them, and a few shared folders as such (an
+// application's own folder inside them stays removable). Plain C++ without Qt,
+// so the self-deleting cleanup tool applies exactly the same rule as the engine.
 class ProtectedPath
 {
 public:
     static bool isProtected(const std::filesystem::path &path);
+    // Absolute, with "." and ".." resolved and no trailing separator; links are
+    // resolved where the path exists.
+    static std::filesystem::path normalised(const std::filesystem::path &path);
 
 private:
-    // Folders refused as such (their sub-folders are not protected by this list).
+    // Folders refused as such; what they hold is not protected by this list.
     static std::vector<std::filesystem::path> systemFolders();
-    // Folders refused together with everything below them.
+    // Folders refused together with everything below them, except below the
+    // folders of openTrees().
     static std::vector<std::filesystem::path> systemTrees();
-    static std::filesystem::path homeFolder();
+    static std::vector<std::filesystem::path> openTrees();
+    // Every user's home folder this system knows of.
+    static std::vector<std::filesystem::path> homeFolders();
+    // Whether path (normalised) is a folder that holds users' homes, each of
+    // whose direct sub-folders is a home ("/home", "C:\Users").
+    static bool isHomeParent(const std::filesystem::path &path);
+    static bool isRoot(const std::filesystem::path &path);
     static bool samePath(const std::filesystem::path &a, const std::filesystem::path &b);
 };
 

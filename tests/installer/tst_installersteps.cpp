@@ -2,6 +2,7 @@
 // step, the progress rule, closing programs, drivers, older software, the
 // cleanup tool and the offline package.
 #include "platform/processcloser.h"
+#include "platform/protectedpath.h"
 #include "platform/skglobal.h"
 
 #include "logcapture.h"
@@ -143,21 +144,35 @@ private slots:
         QVERIFY(logs.contains("not exist"_s, QtWarningMsg));
     }
 
-    void removeFilesNeverTakesProtectedFolders_data()
+    // System trees and every home are refused; an application's own folder
+    // in a shared place or in a home is not.
+    void protectedFolders_data()
     {
-        QTest::addColumn<QString>("entry");
-        QTest::newRow("unset variable") << "${installPath}"_s;
-        QTest::newRow("variable before a system folder") << "${installPath}/usr"_s;
-        QTest::newRow("home") << QDir::homePath();
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("refused");
+        const auto row = [](const QString &path, bool refused) { QTest::newRow(qPrintable(path)) << path << refused; };
+        for (const QString &p : {"/"_s, "/usr"_s, "/usr/lib/x86_64-linux-gnu"_s, "/usr/share/doc"_s, "/var/lib/dpkg"_s,
+                                 "/run/user"_s, "/etc/ssl/"_s, "/home"_s, "/home/alice"_s, "/home/alice/"_s,
+                                 "/opt"_s, "/usr/local"_s, "/usr/local/bin"_s, "/tmp"_s, "/proc/1"_s, ""_s,
+                                 QDir::homePath(), QDir::homePath() + "/.."_s})
+            row(p, true);
+        for (const QString &p : {"/opt/product"_s, "/usr/local/product"_s, "/home/alice/product"_s,
+                                 "/tmp/product"_s, QDir::homePath() + "/product"_s})
+            row(p, false);
+    }
+    void protectedFolders()
+    {
+        QFETCH(QString, path);
+        QFETCH(bool, refused);
+        QCOMPARE(ProtectedPath::isProtected(std::filesystem::u8path(path.toStdString())), refused);
     }
 
     void removeFilesNeverTakesProtectedFolders()
     {
-        QFETCH(QString, entry);
         Installer installer; // its install path is empty
         writeFile(QDir::homePath() + "/marker"_s, "home");
         LogCapture logs;
-        QVERIFY(installer.removeFiles({entry}, {}));
+        QVERIFY(installer.removeFiles({"${installPath}"_s, QDir::homePath()}, {}));
         QVERIFY(logs.contains("remove file erorr"_s));
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
     }
@@ -345,23 +360,33 @@ private slots:
         const QString product = m_dir.filePath("product"_s);
         writeFile(product + "/bin/app"_s, "app");
         writeFile(product + "/data/user.cfg"_s, "kept");
+        writeFile(product + "/settings/a.ini"_s, "kept");
         QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), product + "/corbeth-cleanup"_s));
+        const QString name = "corbeth-cleanup-%1"_s.arg(QCoreApplication::applicationPid());
+        const QString tool = QDir::temp().filePath(name);
+        {
+            // A copy that was never started goes with the engine.
+            Installer unused;
+            unused.setInstallPath(product);
+            QVERIFY(unused.copySuicideTool());
+            QVERIFY(QFile::exists(tool));
+        }
+        QVERIFY(!QFile::exists(tool));
         engine.setInstallPath(product);
         QVERIFY(engine.copySuicideTool());
 
         // The tool as suicide() starts it, waiting for a process that ends shortly.
-        const QString name = "corbeth-cleanup-%1"_s.arg(QCoreApplication::applicationPid());
-        const QString tool = QDir::temp().filePath(name);
         QProcess app;
         app.start(testHelperPath(), {"--sleep"_s, "500"_s});
         QVERIFY(app.waitForStarted());
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, QString::number(app.processId()), "--dir"_s, product, "--keep"_s,
-                             product + "/data/user.cfg"_s});
+                             product + "/data/user.cfg"_s, "--keep"_s, product + "/settings/"_s});
         QVERIFY(cleanup.waitForFinished(20000));
         QCOMPARE(cleanup.exitCode(), 0);
         QVERIFY(!QFile::exists(product + "/bin/app"_s));
         QCOMPARE(readFile(product + "/data/user.cfg"_s), QByteArray("kept"));
+        QCOMPARE(readFile(product + "/settings/a.ini"_s), QByteArray("kept"));
         QVERIFY(!QFile::exists(tool)); // it removed itself
 
         // suicide() copies the tool again and starts it detached; it waits for
@@ -378,10 +403,8 @@ private slots:
     void cleanupToolRefusesProtectedFolders_data()
     {
         QTest::addColumn<QString>("dir");
-        QTest::newRow("root") << "/"_s;
         QTest::newRow("home") << QDir::homePath();
-        QTest::newRow("above home") << QDir::homePath() + "/.."_s;
-        QTest::newRow("system folder") << "/usr/share"_s;
+        QTest::newRow("system sub-folder") << "/usr/share/doc"_s;
     }
 
     void cleanupToolRefusesProtectedFolders()

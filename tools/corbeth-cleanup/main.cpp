@@ -43,6 +43,16 @@ struct Options
     int retrySeconds = 10;
 };
 
+// Absolute and without "." or ".." or a trailing separator ("DIR/" is DIR),
+// but with links left as they are: a kept link is kept as the link.
+fs::path lexicallyNormal(const fs::path &path)
+{
+    fs::path result = fs::absolute(path).lexically_normal();
+    while (result.has_relative_path() && !result.has_filename())
+        result = result.parent_path();
+    return result;
+}
+
 bool parseInt(const char *text, long long &value)
 {
     char *end = nullptr;
@@ -59,7 +69,8 @@ bool parseOptions(int argc, char *argv[], Options &options)
         if (name == "--dir") {
             options.dir = fs::u8path(value);
         } else if (name == "--keep") {
-            options.keep.push_back(fs::absolute(fs::u8path(value)).lexically_normal());
+            // "DIR/" keeps DIR, as "DIR" does.
+            options.keep.push_back(lexicallyNormal(fs::u8path(value)));
         } else if (parseInt(value, number) && number >= 0) {
             if (name == "--pid")
                 options.pid = number;
@@ -124,7 +135,7 @@ int main(int argc, char *argv[])
     }
 
     int result = Done;
-    const fs::path dir = fs::absolute(options.dir).lexically_normal();
+    const fs::path dir = lexicallyNormal(options.dir);
     if (Corbeth::ProtectedPath::isProtected(dir)) {
         std::fprintf(stderr, "corbeth-cleanup: refusing to remove %s\n", dir.u8string().c_str());
         result = Refused;
