@@ -87,7 +87,8 @@ bool SKGlobal::runProcess(const QString &program, int timeout, const QStringList
     // A timeout of 0 fails at once, even for a program that is already done.
     if (waitMs == 0 || !process.waitForFinished(waitMs)) {
         qCCritical(lcCorbeth) << "process error" << program << "time :" << timeout;
-        process.killTree();
+        if (!process.killTree())
+            qCCritical(lcCorbeth) << "process tree not ended" << program;
         return false;
     }
 

@@ -18,8 +18,10 @@ public:
     explicit TreeProcess(QObject *parent = nullptr);
     ~TreeProcess() override;
 
-    // Ends the program and every process of its group that still runs.
-    void killTree();
+    // Ends the program and every process it started that still runs. False
+    // when the tree could not be contained or ended, and only the program
+    // itself was.
+    bool killTree();
 
 protected:
     void setupChildProcess() override;

@@ -108,15 +108,17 @@ private slots:
         QVERIFY(dir.isValid());
         const QString mainPidFile = dir.filePath("main.pid"_s);
         const QString childPidFile = dir.filePath("child.pid"_s);
+        const QString detachedPidFile = dir.filePath("detached.pid"_s);
         QByteArray out;
         QVERIFY(!sk()->runProcess(testHelperPath(), 2,
-                                  {"--pidfile"_s, mainPidFile, "--spawn-child"_s, childPidFile, "--sleep"_s, "30000"_s},
+                                  {"--pidfile"_s, mainPidFile, "--spawn-child"_s, childPidFile, "--detach-child"_s,
+                                   detachedPidFile, "--sleep"_s, "30000"_s},
                                   0, out));
-        const qint64 mainPid = readAll(mainPidFile).toLongLong();
-        const qint64 childPid = readAll(childPidFile).toLongLong();
-        QVERIFY(mainPid > 0 && childPid > 0);
-        QTRY_VERIFY_WITH_TIMEOUT(processEnded(mainPid), 5000);
-        QTRY_VERIFY_WITH_TIMEOUT(processEnded(childPid), 5000);
+        for (const QString &file : {mainPidFile, childPidFile, detachedPidFile}) {
+            const qint64 pid = readAll(file).toLongLong();
+            QVERIFY2(pid > 0, qPrintable(file));
+            QTRY_VERIFY2_WITH_TIMEOUT(processEnded(pid), qPrintable(file), 5000);
+        }
     }
 
     void runProcessLingersWithEvents()

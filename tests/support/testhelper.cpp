@@ -7,6 +7,8 @@
 //   --spawn-child PATH  start a child copy of this program that writes its own
 //                       id to PATH and sleeps 60 s (to test that a time-out
 //                       ends the whole process tree)
+//   --detach-child PATH like --spawn-child, but the child leaves for a session
+//                       of its own through a double fork (setsid)
 //   --args              print every remaining argument on a line of its own
 //   --touch PATH        create PATH (empty)
 #include <QtCore/QCoreApplication>
@@ -47,6 +49,12 @@ int main(int argc, char *argv[])
             child->start(QCoreApplication::applicationFilePath(),
                          {QStringLiteral("--pidfile"), value, QStringLiteral("--sleep"), QStringLiteral("60000")});
             child->waitForStarted();
+            ++i;
+        } else if (opt == QLatin1String("--detach-child")) {
+            // QProcess::startDetached forks twice and calls setsid: the child
+            // is neither in this process's group nor its child.
+            QProcess::startDetached(QCoreApplication::applicationFilePath(),
+                                    {QStringLiteral("--pidfile"), value, QStringLiteral("--sleep"), QStringLiteral("60000")});
             ++i;
         } else if (opt == QLatin1String("--args")) {
             for (int j = i + 1; j < args.size(); ++j)
