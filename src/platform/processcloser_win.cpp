@@ -1,10 +1,9 @@
 #include "platform/processcloser.h"
 
+#include "win32api.h"
+
 #include <QtCore/QCoreApplication>
 #include <QtCore/QProcess>
-
-#include <windows.h>
-#include <tlhelp32.h>
 
 namespace Corbeth {
 
@@ -23,17 +22,11 @@ QList<qint64> ProcessCloser::find(const QString &name)
     const QString wanted = baseName(name);
     const qint64 self = QCoreApplication::applicationPid();
     QList<qint64> pids;
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    if (snapshot == INVALID_HANDLE_VALUE)
-        return pids;
-    PROCESSENTRY32W entry;
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
-        const QString exe = baseName(QString::fromWCharArray(entry.szExeFile));
-        if (static_cast<qint64>(entry.th32ProcessID) != self && exe.compare(wanted, Qt::CaseInsensitive) == 0)
-            pids << entry.th32ProcessID;
+    for (const auto &[pid, exe] : Win32Api::runningProcesses()) {
+        if (static_cast<qint64>(pid) != self
+            && baseName(QString::fromStdWString(exe)).compare(wanted, Qt::CaseInsensitive) == 0)
+            pids << pid;
     }
-    CloseHandle(snapshot);
     return pids;
 }
 

@@ -35,7 +35,7 @@ bool ProtectedPath::isProtected(const fs::path &path)
     if (path.empty())
         return true;
     const fs::path p = normalised(path);
-    if (isRoot(p))
+    if (isRoot(path) || isRoot(p))
         return true;
     const auto same = [](const fs::path &a, const fs::path &b) { return samePath(a, b); };
 

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cwchar>
-#include <iterator>
 
 namespace fs = std::filesystem;
 
@@ -81,10 +80,23 @@ bool ProtectedPath::isRoot(const fs::path &path)
 {
     if (!path.has_relative_path())
         return true;
-    const std::wstring name = path.root_name().wstring();
-    const bool unc = name.size() > 2 && (name[0] == L'\\' || name[0] == L'/') && (name[1] == L'\\' || name[1] == L'/');
-    const fs::path rest = path.relative_path();
-    return unc && std::distance(rest.begin(), rest.end()) <= 1;
+    // Counted by hand: not every standard library splits "\\server" off as the
+    // root name.
+    const std::wstring text = path.wstring();
+    const auto isSeparator = [](wchar_t c) { return c == L'\\' || c == L'/'; };
+    if (text.size() < 3 || !isSeparator(text[0]) || !isSeparator(text[1]) || isSeparator(text[2]))
+        return false;
+    int parts = 0;
+    bool inPart = false;
+    for (std::size_t i = 2; i < text.size(); ++i) {
+        if (isSeparator(text[i])) {
+            inPart = false;
+        } else if (!inPart) {
+            inPart = true;
+            ++parts;
+        }
+    }
+    return parts <= 2; // server and share
 }
 
 bool ProtectedPath::samePath(const fs::path &a, const fs::path &b)

@@ -8,6 +8,8 @@
 // logging and the Qt types.
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Corbeth {
 namespace Win32Api {
@@ -17,6 +19,8 @@ namespace Win32Api {
 // process has the id.
 std::wstring processNameById(unsigned long pid);
 unsigned long currentProcessId();
+// Every running process: its id and executable file name (wide entries).
+std::vector<std::pair<unsigned long, std::wstring>> runningProcesses();
 
 // Whether this process's token is elevated. Returns false, leaving elevated
 // untouched, when the token cannot be queried.
@@ -31,9 +35,6 @@ enum StorageQueryResult { StorageQueryOk = 0, StorageOpenFailed = -1, StorageIoc
 // "\\.\D:", through IOCTL_STORAGE_QUERY_PROPERTY. On failure error is the
 // system error code, and the failing call is reported on standard error.
 int storageBusType(const char *devicePath, unsigned short &busType, unsigned long &error);
-
-// Resumes the threads of a process that was created suspended.
-bool resumeProcess(unsigned long pid);
 
 } // namespace Win32Api
 } // namespace Corbeth

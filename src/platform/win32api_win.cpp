@@ -67,6 +67,20 @@ unsigned long currentProcessId()
     return GetCurrentProcessId();
 }
 
+std::vector<std::pair<unsigned long, std::wstring>> runningProcesses()
+{
+    std::vector<std::pair<unsigned long, std::wstring>> processes;
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    if (snapshot == INVALID_HANDLE_VALUE)
+        return processes;
+    PROCESSENTRY32W entry;
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry))
+        processes.emplace_back(entry.th32ProcessID, entry.szExeFile);
+    CloseHandle(snapshot);
+    return processes;
+}
+
 bool queryTokenElevation(bool &elevated)
 {
     HANDLE token = nullptr;
@@ -122,27 +136,6 @@ int storageBusType(const char *devicePath, unsigned short &busType, unsigned lon
     busType = static_cast<unsigned short>(descriptor->BusType & 0xFFFF);
     std::printf("%d\n", static_cast<int>(busType));
     return StorageQueryOk;
-}
-
-bool resumeProcess(unsigned long pid)
-{
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    if (snapshot == INVALID_HANDLE_VALUE)
-        return false;
-    bool resumed = false;
-    THREADENTRY32 entry;
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
-        if (entry.th32OwnerProcessID != pid)
-            continue;
-        HANDLE thread = OpenThread(THREAD_SUSPEND_RESUME, FALSE, entry.th32ThreadID);
-        if (thread) {
-            resumed = ResumeThread(thread) != static_cast<DWORD>(-1) || resumed;
-            CloseHandle(thread);
-        }
-    }
-    CloseHandle(snapshot);
-    return resumed;
 }
 
 } // namespace Win32Api

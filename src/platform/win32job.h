@@ -15,7 +15,9 @@ public:
     static constexpr unsigned long CreateSuspendedFlag = 0x00000004;
 
     Win32Job();
-    // Closing the job leaves its processes running: only a timeout ends them.
+    // Programs of the job may start helpers outside it on purpose
+    // (CREATE_BREAKAWAY_FROM_JOB). Closing the job leaves its processes
+    // running: only a timeout ends them.
     ~Win32Job();
     Win32Job(const Win32Job &) = delete;
     Win32Job &operator=(const Win32Job &) = delete;
@@ -23,6 +25,11 @@ public:
     bool isValid() const { return m_handle != nullptr; }
     // Puts the process into the job; children it starts afterwards join it.
     bool assign(unsigned long pid);
+    // For a process created suspended: puts it into the job (assigned tells
+    // whether that worked) and resumes its thread (the hThread of its
+    // PROCESS_INFORMATION). False when the thread could not be resumed; the
+    // process is then ended, so that nobody waits for it for ever.
+    bool assignAndResume(unsigned long pid, void *thread, bool &assigned);
     // Ends every process of the job.
     bool terminate(unsigned int exitCode = 1);
     // The system error code of the last failed call.

@@ -7,7 +7,14 @@ namespace Corbeth {
 Win32Job::Win32Job()
     : m_handle(CreateJobObjectW(nullptr, nullptr))
 {
-    if (!m_handle)
+    if (!m_handle) {
+        m_lastError = GetLastError();
+        return;
+    }
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits;
+    ZeroMemory(&limits, sizeof(limits));
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_BREAKAWAY_OK;
+    if (!SetInformationJobObject(m_handle, JobObjectExtendedLimitInformation, &limits, sizeof(limits)))
         m_lastError = GetLastError();
 }
 
@@ -26,6 +33,20 @@ bool Win32Job::assign(unsigned long pid)
     if (process)
         CloseHandle(process);
     return ok;
+}
+
+bool Win32Job::assignAndResume(unsigned long pid, void *thread, bool &assigned)
+{
+    assigned = assign(pid);
+    if (thread && ResumeThread(static_cast<HANDLE>(thread)) != static_cast<DWORD>(-1))
+        return true;
+    m_lastError = GetLastError();
+    HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, pid);
+    if (process) {
+        TerminateProcess(process, 1);
+        CloseHandle(process);
+    }
+    return false;
 }
 
 bool Win32Job::terminate(unsigned int exitCode)

@@ -1,9 +1,14 @@
-// Tests the Win32-only units of src/platform (no Qt), cross-built with
-// MinGW-w64 and run under Wine. Exits 0 when every check passes.
-//   corbeth-win32-test              run the checks
-//   corbeth-win32-test --tree FILE  (used by the checks) start a sleeping
-//                                   child, write its id to FILE, then sleep
-//   corbeth-win32-test --sleep      (used by the checks) sleep a minute
+// Tests the Win32 units that need no Qt (src/platform, the cleanup tool),
+// cross-built with MinGW-w64 and run under Wine. Exits 0 when every check passes.
+//   corbeth-win32-test                run the checks
+//   corbeth-win32-test --tree FILE    (used by the checks) start a sleeping
+//                                     child, write its id to FILE, then sleep
+//   corbeth-win32-test --breakaway FILE  like --tree, with the child started
+//                                     outside the job; exits 3 if refused
+//   corbeth-win32-test --sleep        (used by the checks) sleep a minute
+#include "protectedpath.h"
+#include "selfprocess.h"
+#include "terminal.h"
 #include "win32api.h"
 #include "win32job.h"
 
@@ -11,7 +16,11 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <filesystem>
+#include <fstream>
 #include <string>
+
+namespace fs = std::filesystem;
 
 using namespace Corbeth;
 
@@ -60,12 +69,12 @@ DWORD readPid(const std::wstring &file)
     return std::strtoul(text, nullptr, 10);
 }
 
-int runTree(const wchar_t *pidFile)
+int runTree(const wchar_t *pidFile, DWORD flags)
 {
     DWORD pid = 0;
-    HANDLE child = startSelf(L"--sleep", 0, pid);
+    HANDLE child = startSelf(L"--sleep", flags, pid);
     if (!child)
-        return 2;
+        return flags ? 3 : 2;
     HANDLE file = CreateFileW(pidFile, GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);
     const std::string text = std::to_string(pid);
     DWORD written = 0;
@@ -106,28 +115,58 @@ void testStorageQuery()
     CHECK(result == Win32Api::StorageQueryOk ? busType <= 0x7F : error != 0);
 }
 
-void testJobEndsTree()
+std::wstring tempFile(const wchar_t *name)
 {
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    const std::wstring pidFile = std::wstring(temp) + L"corbeth-win32-test-child.pid";
-    DeleteFileW(pidFile.c_str());
+    const std::wstring file = std::wstring(temp) + name;
+    DeleteFileW(file.c_str());
+    return file;
+}
 
+DWORD waitForPid(const std::wstring &file)
+{
+    DWORD pid = 0;
+    for (int i = 0; i < 400 && !pid; ++i) {
+        Sleep(50);
+        pid = readPid(file);
+    }
+    return pid;
+}
+
+// The way TreeProcess starts a program: suspended, into the job, then its own
+// thread resumed.
+HANDLE startInJob(Win32Job &job, const std::wstring &args, DWORD &pid, bool &assigned)
+{
+    std::wstring command = L"\"" + selfPath() + L"\" " + args;
+    STARTUPINFOW startup;
+    ZeroMemory(&startup, sizeof(startup));
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info;
+    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, Win32Job::CreateSuspendedFlag, nullptr,
+                        nullptr, &startup, &info))
+        return nullptr;
+    const bool resumed = job.assignAndResume(info.dwProcessId, info.hThread, assigned);
+    CloseHandle(info.hThread);
+    pid = info.dwProcessId;
+    CHECK(resumed);
+    return info.hProcess;
+}
+
+void testJobEndsTree()
+{
+    const std::wstring pidFile = tempFile(L"corbeth-win32-test-child.pid");
     Win32Job job;
     CHECK(job.isValid());
     DWORD pid = 0;
-    HANDLE parent = startSelf(L"--tree \"" + pidFile + L"\"", Win32Job::CreateSuspendedFlag, pid);
+    bool assigned = false;
+    HANDLE parent = startInJob(job, L"--tree \"" + pidFile + L"\"", pid, assigned);
     CHECK(parent != nullptr);
     if (!parent)
         return;
-    CHECK(job.assign(pid));
-    CHECK(Win32Api::resumeProcess(pid));
+    CHECK(assigned);
 
-    DWORD child = 0;
-    for (int i = 0; i < 400 && !child; ++i) {
-        Sleep(50);
-        child = readPid(pidFile);
-    }
+    const DWORD child = waitForPid(pidFile);
     CHECK(child != 0);
     HANDLE childHandle = child ? OpenProcess(SYNCHRONIZE, FALSE, child) : nullptr;
     CHECK(childHandle != nullptr);
@@ -141,6 +180,151 @@ void testJobEndsTree()
     }
     CloseHandle(parent);
     DeleteFileW(pidFile.c_str());
+}
+
+// A program may start a helper outside the job on purpose.
+void testJobAllowsBreakaway()
+{
+    const std::wstring pidFile = tempFile(L"corbeth-win32-test-away.pid");
+    Win32Job job;
+    DWORD pid = 0;
+    bool assigned = false;
+    HANDLE parent = startInJob(job, L"--breakaway \"" + pidFile + L"\"", pid, assigned);
+    CHECK(parent != nullptr);
+    if (!parent)
+        return;
+    const DWORD child = waitForPid(pidFile);
+    CHECK(child != 0);
+    DWORD exitCode = 0;
+    CHECK(GetExitCodeProcess(parent, &exitCode) && exitCode != 3);
+    CHECK(job.terminate());
+    CHECK(WaitForSingleObject(parent, 10000) == WAIT_OBJECT_0);
+    HANDLE childHandle = child ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, child) : nullptr;
+    if (childHandle) {
+        // Outside the job, so still running: ended here.
+        CHECK(WaitForSingleObject(childHandle, 0) == WAIT_TIMEOUT);
+        TerminateProcess(childHandle, 0);
+        CloseHandle(childHandle);
+    }
+    CloseHandle(parent);
+    DeleteFileW(pidFile.c_str());
+}
+
+// A thread that cannot be resumed must not leave a suspended program behind
+// for a caller to wait on for ever.
+void testFailedResumeEndsTheProgram()
+{
+    Win32Job job;
+    std::wstring command = L"\"" + selfPath() + L"\" --sleep";
+    STARTUPINFOW startup;
+    ZeroMemory(&startup, sizeof(startup));
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info;
+    CHECK(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, Win32Job::CreateSuspendedFlag, nullptr,
+                         nullptr, &startup, &info));
+    bool assigned = false;
+    CHECK(!job.assignAndResume(info.dwProcessId, nullptr, assigned));
+    CHECK(assigned);
+    CHECK(WaitForSingleObject(info.hProcess, 10000) == WAIT_OBJECT_0);
+    CloseHandle(info.hThread);
+    CloseHandle(info.hProcess);
+    // A process that is gone cannot be assigned: the caller learns it.
+    CHECK(!job.assign(info.dwProcessId));
+}
+
+void testProtectedPaths()
+{
+    struct Row
+    {
+        const wchar_t *path;
+        bool refused;
+    };
+    const wchar_t *profileVariable = _wgetenv(L"USERPROFILE");
+    const std::wstring profile = profileVariable ? profileVariable : L"C:\\Users\\me";
+    const Row rows[] = {
+        {L"", true},
+        {L"C:\\", true},
+        {L"C:\\Windows", true},
+        {L"c:\\windows\\system32\\drivers", true},
+        {L"C:\\Users", true},
+        {L"C:\\Users\\", true},
+        {L"C:\\Users\\alice", true},
+        {L"C:\\Users\\alice\\Product", false},
+        {L"C:\\Program Files", true},
+        {L"C:\\Program Files\\Product", false},
+        {L"C:\\ProgramData", true},
+        {L"C:\\ProgramData\\Product", false},
+        {L"\\\\server\\share", true},
+        {L"\\\\server\\share\\", true},
+        {L"\\\\server\\share\\Product", false},
+        {profile.c_str(), true},
+    };
+    const auto check = [&rows](const char *context) {
+        for (const Row &row : rows) {
+            if (Corbeth::ProtectedPath::isProtected(fs::path(row.path)) != row.refused) {
+                std::fprintf(stderr, "FAIL protected path (%s): %ls should be %s\n", context, row.path,
+                             row.refused ? "refused" : "removable");
+                ++s_failures;
+            }
+        }
+    };
+    check("as a user");
+    // Running as SYSTEM: no profile of a person, and the users folder found
+    // from the system drive alone.
+    const std::wstring savedProfile = profile;
+    const wchar_t *pub = _wgetenv(L"PUBLIC");
+    const std::wstring savedPublic = pub ? pub : L"";
+    _wputenv(L"USERPROFILE=C:\\Windows\\system32\\config\\systemprofile");
+    _wputenv(L"PUBLIC=");
+    check("as SYSTEM");
+    _wputenv((L"USERPROFILE=" + savedProfile).c_str());
+    _wputenv((L"PUBLIC=" + savedPublic).c_str());
+}
+
+void writeText(const fs::path &file, const char *text)
+{
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << text;
+}
+
+// The cleanup tool as the engine starts it, from a copy in the temporary folder.
+int runCleanup(const std::wstring &args)
+{
+    const fs::path tool = fs::temp_directory_path() / L"corbeth-cleanup-test.exe";
+    std::error_code ec;
+    fs::copy_file(SelfProcess::executablePath().parent_path() / L"corbeth-cleanup.exe", tool,
+                  fs::copy_options::overwrite_existing, ec);
+    std::wstring command = L"\"" + tool.wstring() + L"\" " + args;
+    STARTUPINFOW startup;
+    ZeroMemory(&startup, sizeof(startup));
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info;
+    if (ec || !CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
+        return -1;
+    CloseHandle(info.hThread);
+    DWORD code = DWORD(-1);
+    if (WaitForSingleObject(info.hProcess, 30000) == WAIT_OBJECT_0)
+        GetExitCodeProcess(info.hProcess, &code);
+    CloseHandle(info.hProcess);
+    return int(code);
+}
+
+void testCleanupTool()
+{
+    const fs::path product = fs::temp_directory_path() / L"corbeth-win32-product";
+    std::error_code ec;
+    fs::remove_all(product, ec);
+    writeText(product / L"bin" / L"app.exe", "app");
+    writeText(product / L"settings" / L"a.ini", "kept");
+    const std::wstring dead = L"--pid 4294967290 --wait 0 --dir \"" + product.wstring() + L"\"";
+    CHECK(runCleanup(dead + L" --keep \"" + (product / L"settings").wstring() + L"\\\\\"") == 0);
+    CHECK(!fs::exists(product / L"bin"));
+    CHECK(fs::exists(product / L"settings" / L"a.ini"));
+    CHECK(runCleanup(L"--pid 4294967290 --wait 0 --dir C:\\Users") == 2);
+    CHECK(runCleanup(L"--pid 4294967290 --wait 0 --dir C:\\Windows\\Fonts") == 2);
+    fs::remove_all(product, ec);
+    // isTerminal: the output of a test run is never a console here.
+    CHECK(!isTerminal(stdout) || !isTerminal(stdin));
 }
 
 void testActivateWindow()
@@ -170,7 +354,9 @@ void testActivateWindow()
 int wmain(int argc, wchar_t *argv[])
 {
     if (argc == 3 && std::wcscmp(argv[1], L"--tree") == 0)
-        return runTree(argv[2]);
+        return runTree(argv[2], 0);
+    if (argc == 3 && std::wcscmp(argv[1], L"--breakaway") == 0)
+        return runTree(argv[2], CREATE_BREAKAWAY_FROM_JOB);
     if (argc == 2 && std::wcscmp(argv[1], L"--sleep") == 0) {
         Sleep(60000);
         return 0;
@@ -179,6 +365,10 @@ int wmain(int argc, wchar_t *argv[])
     testTokenElevation();
     testStorageQuery();
     testJobEndsTree();
+    testJobAllowsBreakaway();
+    testFailedResumeEndsTheProgram();
+    testProtectedPaths();
+    testCleanupTool();
     testActivateWindow();
     std::printf("%s: %d failure(s)\n", s_failures ? "FAILED" : "passed", s_failures);
     return s_failures ? 1 : 0;
