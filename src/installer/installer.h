@@ -143,6 +143,10 @@ signals:
     void errorOccurred(CBEnum::ErrorCode error);
 
 private:
+    // The recursive part of copyDir; root is the folder the copy started from.
+    bool copyTree(const QString &srcDir, const QString &destDir, QDir::Filters filters, const QString &suffix,
+                  const QString &root);
+    void copyLink(const QFileInfo &link, const QString &target, const QString &root);
     // Operations remember the epoch they started in; abort() moves it on.
     int epoch() const { return m_epoch.loadAcquire(); }
     bool revoked(int epoch) const;
@@ -196,6 +200,7 @@ private:
 
     bool m_isSuicide = false;
     QString m_suicideToolPath;
+
     QString m_offlinePackage;
 };
 

@@ -130,6 +130,14 @@ bool Installer::coverFile(const QString &src, const QString &dest)
 
 bool Installer::copyDir(const QString &srcDir, const QString &destDir, QDir::Filters filters, const QString &suffix)
 {
+    return copyTree(srcDir, destDir, filters, suffix, QDir::cleanPath(QDir(srcDir).absolutePath()));
+}
+
+// root is the folder the copy started from: links that stay inside it are
+// copied as links, never followed, so a link to "." cannot nest copies.
+bool Installer::copyTree(const QString &srcDir, const QString &destDir, QDir::Filters filters, const QString &suffix,
+                         const QString &root)
+{
     const QDir source(srcDir);
     if (!source.exists()) {
         qCWarning(lcCorbeth).noquote() << QStringLiteral("%1 not exist").arg(srcDir);
@@ -142,9 +150,11 @@ bool Installer::copyDir(const QString &srcDir, const QString &destDir, QDir::Fil
         if (!suffix.isEmpty() && entry.completeSuffix() != suffix)
             continue;
         const QString target = destPath + QDir::separator() + entry.fileName();
-        if (entry.isDir()) {
+        if (entry.isSymLink()) {
+            copyLink(entry, target, root);
+        } else if (entry.isDir()) {
             makeDir(target);
-            copyDir(entry.absoluteFilePath(), target, filters, suffix);
+            copyTree(entry.absoluteFilePath(), target, filters, suffix, root);
         } else if (entry.isFile()) {
             if (QFile::exists(target))
                 QFile::remove(target);
@@ -153,6 +163,20 @@ bool Installer::copyDir(const QString &srcDir, const QString &destDir, QDir::Fil
         }
     }
     return true;
+}
+
+void Installer::copyLink(const QFileInfo &link, const QString &target, const QString &root)
+{
+    const QString pointsTo = QDir::cleanPath(link.symLinkTarget());
+    if (pointsTo != root && !pointsTo.startsWith(root + QLatin1Char('/'))) {
+        qCWarning(lcCorbeth) << "link leaves the package, not copied" << link.filePath() << pointsTo;
+        return;
+    }
+    // Relative, so the copy points into the copied tree.
+    const QString text = link.absoluteDir().relativeFilePath(pointsTo);
+    QFile::remove(target);
+    if (!QFile::link(text.isEmpty() ? QStringLiteral(".") : text, target))
+        qCCritical(lcCorbeth) << "link copy fail" << link.filePath() << target;
 }
 
 bool Installer::makeDir(const QString &path)
@@ -191,20 +215,24 @@ bool Installer::removeDir(const QDir &dir)
         qCCritical(lcCorbeth) << "removeDir" << "not exist" << dir.path();
         return false;
     }
-    const QFileInfoList entries = dir.entryInfoList(QDir::Filters(0x6007), QDir::NoSort);
+    // System: dangling links, FIFOs and sockets, which would otherwise be left
+    // behind and keep the folder.
+    const QDir::Filters filters = QDir::Filters(0x6007) | QDir::System;
+    const QFileInfoList entries = dir.entryInfoList(filters, QDir::NoSort);
     for (const QFileInfo &entry : entries) {
         const QString path = entry.filePath();
         if (path.contains(kWhiteMarker))
             continue;
         // A link is removed as a link: following it would reach files outside
         // the folder being removed.
-        if ((entry.isFile() || entry.isSymLink()) && QFile::remove(path))
+        if ((!entry.isDir() || entry.isSymLink()) && QFile::remove(path))
             continue;
         if (!entry.isSymLink())
             removeDir(QDir(path));
     }
-    // A fresh listing: the one above is out of date.
-    const QDir current(dir.absolutePath());
+    // A fresh listing, counting "." and "..": the one above is out of date.
+    QDir current(dir.absolutePath());
+    current.setFilter(QDir::AllEntries | QDir::System);
     if (current.count() > 2)
         return true;
     if (!QDir().rmdir(current.absolutePath()))

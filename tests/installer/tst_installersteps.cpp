@@ -124,6 +124,35 @@ private slots:
         QVERIFY(QFileInfo(path("out/c.bin"_s)).permission(QFile::ExeOwner));
     }
 
+    // Links inside a package stay links into the copy; a link out of it is not
+    // copied; none is followed (a link to "." once made 40 nested copies).
+    void copyDirCopiesLinksAsLinks()
+    {
+        writeFile(path("outside/secret"_s), "outside");
+        QVERIFY(QFile::link("."_s, path("src/sub/self"_s)));
+        QVERIFY(QFile::link("../a.txt"_s, path("src/sub/a-link"_s)));
+        QVERIFY(QFile::link(path("outside"_s), path("src/out-link"_s)));
+        LogCapture logs;
+        QVERIFY(m_installer.copyDir(path("src"_s), path("out"_s), QDir::Filters(0x6007), QString()));
+        QCOMPARE(QFileInfo(path("out/sub/self"_s)).symLinkTarget(), path("out/sub"_s));
+        QCOMPARE(QFileInfo(path("out/sub/a-link"_s)).symLinkTarget(), path("out/a.txt"_s));
+        QVERIFY(!QFileInfo(path("out/out-link"_s)).exists());
+        QVERIFY(logs.contains("link leaves the package"_s, QtWarningMsg));
+        QCOMPARE(filesBelow(path("out"_s)), (QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s, "sub/a-link"_s,
+                                                          "sub/d.txt"_s}));
+    }
+
+    // Entries that are neither files nor folders must not keep a removed folder.
+    void removeFilesTakesDanglingLinksAndFifos()
+    {
+        QVERIFY(QFile::link(path("nowhere"_s), path("src/sub/dangling"_s)));
+        QProcess mkfifo;
+        mkfifo.start("mkfifo"_s, {path("src/sub/pipe"_s)});
+        QVERIFY(mkfifo.waitForFinished() && mkfifo.exitCode() == 0);
+        QVERIFY(m_installer.removeFiles({"${installPath}/src"_s}, {}));
+        QVERIFY(!QFileInfo::exists(path("src"_s)));
+    }
+
     void removeFilesSparesWhiteList()
     {
         // A neighbour outside the removed paths, reached through a link inside them.
