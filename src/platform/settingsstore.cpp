@@ -62,6 +62,14 @@ QString SettingsStore::hiveName(Hive hive)
     return QString();
 }
 
+QString SettingsStore::nativePath(Hive hive, const QString &keyPath)
+{
+    QString path = hiveName(hive);
+    if (!keyPath.isEmpty())
+        path += QLatin1Char('\\') + QString(keyPath).replace(QLatin1Char('/'), QLatin1Char('\\'));
+    return path;
+}
+
 std::unique_ptr<QSettings> SettingsStore::open(const QString &path)
 {
     QString keyPath;
@@ -70,7 +78,22 @@ std::unique_ptr<QSettings> SettingsStore::open(const QString &path)
         qCWarning(lcCorbeth) << "settings path has no known hive" << path;
         return nullptr;
     }
-    return openKnown(hive, path, keyPath);
+    return openKnown(hive, keyPath, rootFor(hive));
+}
+
+std::vector<std::unique_ptr<QSettings>> SettingsStore::openForRead(const QString &path)
+{
+    std::vector<std::unique_ptr<QSettings>> stores;
+    QString keyPath;
+    const Hive hive = parse(path, &keyPath);
+    if (hive == UnknownHive) {
+        qCWarning(lcCorbeth) << "settings path has no known hive" << path;
+        return stores;
+    }
+    const QStringList roots = readRootsFor(hive);
+    for (const QString &root : roots)
+        stores.push_back(openKnown(hive, keyPath, root));
+    return stores;
 }
 
 } // namespace Corbeth

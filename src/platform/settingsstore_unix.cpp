@@ -7,7 +7,12 @@
 namespace Corbeth {
 
 namespace {
-const char s_machineRoot[] = "/var/lib/corbeth/registry";
+QString machineRoot()
+{
+    // Tests put the machine-wide store into a folder of their own.
+    const QString overridden = qEnvironmentVariable("CORBETH_SETTINGS_MACHINE_ROOT");
+    return overridden.isEmpty() ? QStringLiteral("/var/lib/corbeth/registry") : overridden;
+}
 
 QString userRoot()
 {
@@ -20,7 +25,7 @@ QString userRoot()
 // Windows redirects an unelevated program's machine-wide writes.
 bool machineRootUsable()
 {
-    const QString root = QLatin1String(s_machineRoot);
+    const QString root = machineRoot();
     QFileInfo info(root);
     if (info.isDir())
         return info.isWritable();
@@ -37,13 +42,30 @@ QString SettingsStore::rootFor(Hive hive)
     if (!overridden.isEmpty())
         return overridden;
     if (hive == LocalMachine && machineRootUsable())
-        return QLatin1String(s_machineRoot);
+        return machineRoot();
     return userRoot();
 }
 
-std::unique_ptr<QSettings> SettingsStore::openKnown(Hive hive, const QString &, const QString &keyPath)
+// The machine-wide store is read whenever it is readable, whoever may write
+// it, so a normal user sees what root wrote; the user's own machine hive (the
+// redirected writes of an unprivileged install) is read after it.
+QStringList SettingsStore::readRootsFor(Hive hive)
 {
-    const QString file = QDir(rootFor(hive)).filePath(hiveName(hive) + QLatin1String(".ini"));
+    const QString write = rootFor(hive);
+    if (hive != LocalMachine || !qEnvironmentVariable("CORBETH_SETTINGS_ROOT").isEmpty())
+        return {write};
+    QStringList roots;
+    const QFileInfo machineHive(QDir(machineRoot()).filePath(hiveName(hive) + QLatin1String(".ini")));
+    if (machineHive.isFile() && machineHive.isReadable())
+        roots << machineRoot();
+    if (!roots.contains(write))
+        roots << write;
+    return roots;
+}
+
+std::unique_ptr<QSettings> SettingsStore::openKnown(Hive hive, const QString &keyPath, const QString &root)
+{
+    const QString file = QDir(root).filePath(hiveName(hive) + QLatin1String(".ini"));
     auto settings = std::make_unique<QSettings>(file, QSettings::IniFormat);
     if (!keyPath.isEmpty())
         settings->beginGroup(keyPath);

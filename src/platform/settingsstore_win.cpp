@@ -7,10 +7,16 @@ QString SettingsStore::rootFor(Hive)
     return QString();
 }
 
-// The registry itself: QSettings' native format takes the path as written.
-std::unique_ptr<QSettings> SettingsStore::openKnown(Hive, const QString &path, const QString &)
+QStringList SettingsStore::readRootsFor(Hive)
 {
-    return std::make_unique<QSettings>(path, QSettings::NativeFormat);
+    return {QString()};
+}
+
+// The registry itself, on the path in its one spelling: the long hive name and
+// backslashes, so "HKCU/SOFTWARE/X" reaches the same key as on Unix.
+std::unique_ptr<QSettings> SettingsStore::openKnown(Hive hive, const QString &keyPath, const QString &)
+{
+    return std::make_unique<QSettings>(nativePath(hive, keyPath), QSettings::NativeFormat);
 }
 
 } // namespace Corbeth

@@ -232,12 +232,13 @@ void SKGlobal::mergeMap(QVariantMap &target, const QVariantMap &source)
 
 QVariant SKGlobal::settingValue(const QString &path, const QString &key)
 {
-    const auto settings = SettingsStore::open(path);
     // allKeys() rather than contains(): a key of another case or spelling that
     // value() might still find is deliberately not found.
-    if (!settings || !settings->allKeys().contains(key, Qt::CaseSensitive))
-        return QVariant();
-    return settings->value(key);
+    for (const auto &settings : SettingsStore::openForRead(path)) {
+        if (settings->allKeys().contains(key, Qt::CaseSensitive))
+            return settings->value(key);
+    }
+    return QVariant();
 }
 
 void SKGlobal::setSettingValue(const QString &path, const QString &key, const QVariant &value)

@@ -1,5 +1,6 @@
 #include "logcapture.h"
 #include "platform/blockdevice_p.h"
+#include "platform/settingsstore_p.h"
 #include "platform/skglobal.h"
 #include "testmain.h"
 
@@ -11,6 +12,7 @@
 
 #include <csignal>
 #include <sys/types.h>
+#include <unistd.h>
 
 using namespace Corbeth;
 
@@ -51,6 +53,16 @@ bool processEnded(qint64 pid)
     const int close = stat.lastIndexOf(')');
     return close > 0 && stat.mid(close + 2, 1) == "Z";
 }
+// Runs its program as the user "nobody".
+class OtherUserProcess : public QProcess
+{
+protected:
+    void setupChildProcess() override
+    {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(126);
+    }
+};
 } // namespace
 
 class tst_SKGlobal : public QObject
@@ -224,34 +236,87 @@ private slots:
         QVERIFY(log.contains("not exist file"_s, QtCriticalMsg));
     }
 
-    void settingsRoundTrip_data()
+    // Both separators, long and short hive names reach one key, on every platform.
+    void settingsPathSpellings()
     {
-        QTest::addColumn<QVariant>("value");
-        QTest::newRow("string") << QVariant("C:\\Program Files\\App, \"quoted\" = x"_s);
-        QTest::newRow("int") << QVariant(42);
-        QTest::newRow("large number") << QVariant(Q_INT64_C(1) << 40);
-        QTest::newRow("string list") << QVariant(QStringList{"a"_s, "b, c"_s});
-        QTest::newRow("one-item list") << QVariant(QStringList{"only"_s});
-        const QVariantMap nested{{"list"_s, QStringList{"x"_s}}};
-        QTest::newRow("map") << QVariant(QVariantMap{{"name"_s, "pkg"_s}, {"size"_s, 12}, {"nested"_s, nested}});
+        const QString native = "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\App"_s;
+        for (const QString &path : {native, "HKCU/SOFTWARE/Arvenor/App"_s, "\\HKCU\\SOFTWARE//Arvenor\\App\\"_s}) {
+            QString keyPath;
+            const SettingsStore::Hive hive = SettingsStore::parse(path, &keyPath);
+            QCOMPARE(SettingsStore::nativePath(hive, keyPath), native);
+        }
+        sk()->setSettingValue("HKCU/SOFTWARE/Arvenor/App"_s, "k"_s, "v"_s);
+        QCOMPARE(sk()->settingValue(native, "k"_s).toString(), "v"_s);
     }
 
-    // The INI store gives numbers back as text and a one-item list as its item;
-    // the conversions callers use give the value back in every case.
-    void settingsRoundTrip()
+    // Without a root of its own, HKLM goes to the machine-wide folder when this
+    // process may write it, and to the user's folder otherwise.
+    void settingsMachineStore()
     {
-        QFETCH(QVariant, value);
-        const QString path = "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"_s;
-        sk()->setSettingValue(path, "value"_s, value);
-        const QVariant read = sk()->settingValue(path, "value"_s);
-        QVERIFY(read.isValid());
-        const int type = value.userType();
-        if (type == QMetaType::QStringList)
-            QCOMPARE(read.toStringList(), value.toStringList());
-        else if (type == QMetaType::Int || type == QMetaType::LongLong)
-            QCOMPARE(read.toLongLong(), value.toLongLong());
-        else
-            QCOMPARE(read, value);
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QByteArray savedRoot = qgetenv("CORBETH_SETTINGS_ROOT");
+        const QByteArray savedMachine = qgetenv("CORBETH_SETTINGS_MACHINE_ROOT");
+        const QByteArray savedConfig = qgetenv("XDG_CONFIG_HOME");
+        qunsetenv("CORBETH_SETTINGS_ROOT");
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath("user"_s)));
+        const QString key = "HKLM\\SOFTWARE\\Arvenor\\App"_s;
+        const auto restore = qScopeGuard([&] {
+            qputenv("CORBETH_SETTINGS_ROOT", savedRoot);
+            qputenv("CORBETH_SETTINGS_MACHINE_ROOT", savedMachine);
+            qputenv("XDG_CONFIG_HOME", savedConfig);
+        });
+
+        // A machine folder that cannot be made (below a plain file, which stops
+        // root too): the write goes to the user's store and is read back.
+        QVERIFY(writeAll(dir.filePath("file"_s), "x"));
+        qputenv("CORBETH_SETTINGS_MACHINE_ROOT", QFile::encodeName(dir.filePath("file/registry"_s)));
+        sk()->setSettingValue(key, "path"_s, "user"_s);
+        QCOMPARE(sk()->settingValue(key, "path"_s).toString(), "user"_s);
+        QVERIFY(QFile::exists(dir.filePath("user/corbeth/registry/HKEY_LOCAL_MACHINE.ini"_s)));
+
+        // An unwritable root is reported, not silently lost.
+        qputenv("CORBETH_SETTINGS_ROOT", QFile::encodeName(dir.filePath("file/root"_s)));
+        LogCapture log;
+        sk()->setSettingValue(key, "path"_s, "lost"_s);
+        QVERIFY(log.contains("settings write fail"_s, QtCriticalMsg));
+        qunsetenv("CORBETH_SETTINGS_ROOT");
+
+        // Root writes the machine store; another user reads it.
+        const QString machine = dir.filePath("machine"_s);
+        qputenv("CORBETH_SETTINGS_MACHINE_ROOT", QFile::encodeName(machine));
+        sk()->setSettingValue(key, "path"_s, "machine"_s);
+        QVERIFY(QFile::exists(machine + "/HKEY_LOCAL_MACHINE.ini"_s));
+        QCOMPARE(sk()->settingValue(key, "path"_s).toString(), "machine"_s);
+        if (::geteuid() != 0)
+            QSKIP("reading as another user needs root");
+        QFile::setPermissions(dir.path(), QFile::permissions(dir.path()) | QFile::ExeOther | QFile::ReadOther);
+        QFile::setPermissions(machine, QFile::permissions(machine) | QFile::ExeOther | QFile::ReadOther);
+        OtherUserProcess reader;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_CONFIG_HOME"_s, dir.filePath("other"_s));
+        env.insert("HOME"_s, dir.filePath("other"_s));
+        reader.setProcessEnvironment(env);
+        reader.start(QStringLiteral(CORBETH_SETTINGS_READER), {"--get"_s, key, "path"_s});
+        if (!reader.waitForFinished(10000) || reader.exitStatus() != QProcess::NormalExit || reader.exitCode() == 126)
+            QSKIP("the reader cannot run as another user from this checkout");
+        QCOMPARE(reader.readAllStandardOutput().trimmed(), QByteArray("machine"));
+    }
+
+    // Two processes writing one hive at once: neither loses the other's keys.
+    void settingsTwoWriters()
+    {
+        const QString path = "HKCU\\SOFTWARE\\Writers"_s;
+        QProcess first, second;
+        first.start(QStringLiteral(CORBETH_SETTINGS_READER), {"--write"_s, path, "a"_s, "60"_s});
+        second.start(QStringLiteral(CORBETH_SETTINGS_READER), {"--write"_s, path, "b"_s, "60"_s});
+        QVERIFY(first.waitForFinished(30000) && second.waitForFinished(30000));
+        for (int i = 0; i < 60; ++i) {
+            for (const char *prefix : {"a", "b"}) {
+                const QString key = QLatin1String(prefix) + QString::number(i);
+                QVERIFY2(sk()->settingValue(path, key).toInt() == i, qPrintable(key));
+            }
+        }
     }
 
     void settingsHiveNames()
