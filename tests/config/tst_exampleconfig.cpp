@@ -34,7 +34,8 @@ private slots:
         QCOMPARE(PtrManager::instance()->configer()->setConfigPath(QStringLiteral(CORBETH_EXAMPLE_CONFIG)),
                  CBEnum::EC_NoError);
         const char *const faults[] = {"erorr", "cutfiles error", "configdata error", "config fail",
-                                      "customtag fail", "settingPath or empty", "plugin dir not exist"};
+                                      "customtag fail", "settingPath or empty", "plugin dir not exist",
+                                      "configdata converted", "configdata clamped"};
         for (const char *fault : faults)
             QVERIFY2(!log.contains(QLatin1String(fault)), qPrintable(log.dump()));
     }

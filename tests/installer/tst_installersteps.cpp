@@ -270,15 +270,6 @@ private slots:
         QTEST(int(m_installer.processExe(items)), "code");
     }
 
-    void timedOutProcessLeavesNothingRunning()
-    {
-        ProcessHelper item = helperItem(EL_Critical, {"--spawn-child"_s, path("child.pid"_s), "--sleep"_s, "60000"_s}, 2);
-        item.program = uniqueHelper(m_dir.path(), "corbeth-timeout"_s);
-        QCOMPARE(m_installer.processExe({item}), CBEnum::EC_ProcessTimeout);
-        QVERIFY(QFile::exists(path("child.pid"_s)));
-        QTRY_VERIFY(ProcessCloser::find(QFileInfo(item.program).fileName()).isEmpty());
-    }
-
     void progressRule()
     {
         Installer installer;

@@ -42,14 +42,20 @@ std::wstring selfPath()
     return path;
 }
 
-HANDLE startSelf(const std::wstring &args, DWORD flags, DWORD &pid)
+// The caller closes both handles of info.
+bool startProgram(const std::wstring &program, const std::wstring &args, DWORD flags, PROCESS_INFORMATION &info)
 {
-    std::wstring command = L"\"" + selfPath() + L"\" " + args;
+    std::wstring command = L"\"" + program + L"\" " + args;
     STARTUPINFOW startup;
     ZeroMemory(&startup, sizeof(startup));
     startup.cb = sizeof(startup);
+    return CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup, &info);
+}
+
+HANDLE startSelf(const std::wstring &args, DWORD flags, DWORD &pid)
+{
     PROCESS_INFORMATION info;
-    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup, &info))
+    if (!startProgram(selfPath(), args, flags, info))
         return nullptr;
     CloseHandle(info.hThread);
     pid = info.dwProcessId;
@@ -138,13 +144,8 @@ DWORD waitForPid(const std::wstring &file)
 // thread resumed.
 HANDLE startInJob(Win32Job &job, const std::wstring &args, DWORD &pid, bool &assigned)
 {
-    std::wstring command = L"\"" + selfPath() + L"\" " + args;
-    STARTUPINFOW startup;
-    ZeroMemory(&startup, sizeof(startup));
-    startup.cb = sizeof(startup);
     PROCESS_INFORMATION info;
-    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, Win32Job::CreateSuspendedFlag, nullptr,
-                        nullptr, &startup, &info))
+    if (!startProgram(selfPath(), args, Win32Job::CreateSuspendedFlag, info))
         return nullptr;
     const bool resumed = job.assignAndResume(info.dwProcessId, info.hThread, assigned);
     CloseHandle(info.hThread);
@@ -215,13 +216,8 @@ void testJobAllowsBreakaway()
 void testFailedResumeEndsTheProgram()
 {
     Win32Job job;
-    std::wstring command = L"\"" + selfPath() + L"\" --sleep";
-    STARTUPINFOW startup;
-    ZeroMemory(&startup, sizeof(startup));
-    startup.cb = sizeof(startup);
     PROCESS_INFORMATION info;
-    CHECK(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, Win32Job::CreateSuspendedFlag, nullptr,
-                         nullptr, &startup, &info));
+    CHECK(startProgram(selfPath(), L"--sleep", Win32Job::CreateSuspendedFlag, info));
     bool assigned = false;
     CHECK(!job.assignAndResume(info.dwProcessId, nullptr, assigned));
     CHECK(assigned);
@@ -294,12 +290,8 @@ int runCleanup(const std::wstring &args)
     std::error_code ec;
     fs::copy_file(SelfProcess::executablePath().parent_path() / L"corbeth-cleanup.exe", tool,
                   fs::copy_options::overwrite_existing, ec);
-    std::wstring command = L"\"" + tool.wstring() + L"\" " + args;
-    STARTUPINFOW startup;
-    ZeroMemory(&startup, sizeof(startup));
-    startup.cb = sizeof(startup);
     PROCESS_INFORMATION info;
-    if (ec || !CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
+    if (ec || !startProgram(tool.wstring(), args, 0, info))
         return -1;
     CloseHandle(info.hThread);
     DWORD code = DWORD(-1);
