@@ -93,7 +93,12 @@ private slots:
         writeFile(m_dir.filePath("links/Demo.lnk"_s), "replaced by the install");
     }
 
-    void cleanup() { QFile::remove(QDir::temp().filePath("corbeth-cleanup-%1"_s.arg(QCoreApplication::applicationPid()))); }
+    // The last engine goes too, and with it its copy of the cleanup tool.
+    void cleanupTestCase()
+    {
+        PtrManager::destroyInstance();
+        QVERIFY(!QFile::exists(QDir::temp().filePath("corbeth-cleanup-%1"_s.arg(QCoreApplication::applicationPid()))));
+    }
 
     void wholeLifecycle()
     {
