@@ -4,6 +4,8 @@
 
 #include <openssl/evp.h>
 
+#include <limits>
+
 namespace Vindal {
 
 namespace {
@@ -48,21 +50,28 @@ QString Digest::hex() const
     return QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(result), int(length)).toHex());
 }
 
-QString Digest::sha256OfFile(const QString &path)
+bool Digest::addFile(const QString &path, qint64 size)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return QString();
-    Digest sha256(Sha256);
+        return false;
     QByteArray buffer(1 << 20, Qt::Uninitialized);
-    for (;;) {
-        const qint64 n = file.read(buffer.data(), buffer.size());
-        if (n < 0)
-            return QString();
+    for (qint64 left = size < 0 ? std::numeric_limits<qint64>::max() : size; left > 0;) {
+        const qint64 n = file.read(buffer.data(), qMin<qint64>(left, buffer.size()));
+        if (n < 0 || (n == 0 && size >= 0))
+            return false;
         if (n == 0)
-            return sha256.hex();
-        sha256.add(buffer.constData(), n);
+            return true;
+        add(buffer.constData(), n);
+        left -= n;
     }
+    return true;
+}
+
+QString Digest::sha256OfFile(const QString &path)
+{
+    Digest sha256(Sha256);
+    return sha256.addFile(path) ? sha256.hex() : QString();
 }
 
 } // namespace Vindal

@@ -22,6 +22,9 @@ public:
     Digest &operator=(const Digest &) = delete;
 
     void add(const char *data, qint64 size);
+    // Adds the first size bytes of a file (all of it when size < 0); false
+    // when it cannot be read or is shorter.
+    bool addFile(const QString &path, qint64 size = -1);
     void reset();
     // The digest of what was added so far, lower-case hex; adding may go on.
     QString hex() const;

@@ -21,6 +21,13 @@ namespace {
 const QString MetaSha256 = QStringLiteral("sha256");
 const QString MetaValidator = QStringLiteral("validator");
 
+// What the transfer may hold in memory: Qt's read buffer, the buffers queued
+// for the hash, and one buffer being written. Together well under 32 MiB,
+// and large enough to keep pace with curl.
+const qint64 ReadBufferBytes = 4 << 20;
+const qint64 HashQueueBytes = 8 << 20;
+const qint64 ChunkBytes = 1 << 20;
+
 } // namespace
 
 // What is on disk before the transfer starts, found out on a worker thread
@@ -72,18 +79,24 @@ Download::Download(QNetworkAccessManager *network, const RepositoryConfig &confi
     , m_done(std::move(done))
     , m_plan(urls.size(), config.retries)
     , m_part(m_partPath)
+    , m_lock(m_partPath + QLatin1String(".lock"))
+    , m_watch(config,
+              [this](const QString &why) {
+                  if (!m_reply)
+                      return;
+                  m_refusal.outcome = Outcome::failure(Error::Timeout, why, m_reply->url().toString());
+                  m_refusal.retryable = true;
+                  m_reply->abort();
+              },
+              this)
 {
-    m_stall.setSingleShot(true);
-    m_stall.setInterval(config.stallTimeoutMs);
-    connect(&m_stall, &QTimer::timeout, this, [this] {
-        if (!m_reply)
-            return;
-        m_refusal.outcome = Outcome::failure(Error::Timeout,
-                                             QStringLiteral("no data from %1 for %2 s").arg(m_reply->url().toString())
-                                                 .arg(m_config.stallTimeoutMs / 1000.0),
-                                             m_reply->url().toString());
-        m_refusal.retryable = true;
-        m_reply->abort();
+    // Only a lock whose process is gone is stale, however old it is.
+    m_lock.setStaleLockTime(0);
+    m_deadline.setSingleShot(true);
+    connect(&m_deadline, &QTimer::timeout, this, [this] {
+        finish(Outcome::failure(Error::Timeout,
+                                QStringLiteral("the download of %1 did not finish within %2 s").arg(m_entry.file).arg(m_config.deadlineMs / 1000.0),
+                                m_entry.file));
     });
 }
 
@@ -97,6 +110,18 @@ void Download::start()
 {
     if (!QDir().mkpath(QFileInfo(m_finalPath).absolutePath()))
         return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot create the folder of \"%1\"").arg(m_finalPath), m_finalPath));
+    if (!m_lock.tryLock(0)) {
+        qint64 pid = 0;
+        QString host;
+        QString application;
+        m_lock.getLockInfo(&pid, &host, &application);
+        return finish(Outcome::failure(Error::DownloadFailed,
+                                       QStringLiteral("\"%1\" is being downloaded by another request or process (%2, process %3 on %4)")
+                                           .arg(m_finalPath, application).arg(pid).arg(host),
+                                       m_finalPath));
+    }
+    if (m_config.deadlineMs > 0)
+        m_deadline.start(m_config.deadlineMs);
     auto resume = std::make_shared<Resume>();
     resume->finalPath = m_finalPath;
     resume->partPath = m_partPath;
@@ -124,8 +149,11 @@ void Download::prepared(const std::shared_ptr<Resume> &resume)
                                        m_partPath));
     if (m_written > 0)
         qCDebug(lcVindal) << "resuming" << m_partPath << "at" << m_written;
-    m_hasher.reset(new PartHasher(m_partPath));
-    m_hasher->grow(m_written);
+    m_hasher.reset(new StreamHasher(HashQueueBytes, [this] {
+        QMetaObject::invokeMethod(this, [this] { resumeReading(); }, Qt::QueuedConnection);
+    }));
+    if (m_written > 0)
+        m_hasher->addFilePrefix(m_partPath, m_written);
     if (m_written == m_entry.size)
         return complete();
     attempt();
@@ -146,12 +174,11 @@ void Download::attempt()
     m_headersChecked = false;
     m_refusal = Transfer::Verdict();
     m_reply = m_network->get(request);
-    // Large enough for the transfer to keep pace with curl, small enough to
-    // bound the memory whatever the package's size.
-    m_reply->setReadBufferSize(8 << 20);
+    // Qt stops reading from the network while this buffer is full.
+    m_reply->setReadBufferSize(ReadBufferBytes);
     connect(m_reply, &QNetworkReply::readyRead, this, &Download::onReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &Download::onFinished);
-    m_stall.start();
+    m_watch.start(m_reply->url().toString());
 }
 
 bool Download::acceptHeaders()
@@ -203,12 +230,14 @@ bool Download::acceptHeaders()
 
 void Download::onReadyRead()
 {
-    if (!m_reply || (!m_headersChecked && !acceptHeaders()))
+    if (!m_reply || m_holding || (!m_headersChecked && !acceptHeaders()))
         return;
-    m_stall.start();
-    // Never more than the index announces: an endless body ends here.
+    // Never more than the index announces: an endless body ends here. The
+    // write blocks while the disk is behind, and a full hash queue ends the
+    // loop: either way the rest waits in Qt's read buffer, which then stops
+    // reading from the network.
     while (m_written < m_entry.size && m_reply->bytesAvailable() > 0) {
-        const QByteArray chunk = m_reply->read(qMin<qint64>(m_reply->bytesAvailable(), m_entry.size - m_written));
+        const QByteArray chunk = m_reply->read(qMin(qMin(m_reply->bytesAvailable(), m_entry.size - m_written), ChunkBytes));
         if (chunk.isEmpty())
             break;
         if (m_part.write(chunk) != chunk.size()) {
@@ -216,12 +245,31 @@ void Download::onReadyRead()
                                            m_partPath));
         }
         m_written += chunk.size();
+        m_watch.received(chunk.size());
+        if (!m_hasher->add(chunk)) {
+            m_holding = true;
+            m_watch.hold();
+            break;
+        }
     }
-    m_hasher->grow(m_written);
     if (m_written == m_entry.size)
         return complete();
     if (m_throttle.ready())
         m_progress(m_written, m_entry.size);
+}
+
+void Download::resumeReading()
+{
+    if (!m_holding)
+        return;
+    m_holding = false;
+    if (!m_reply)
+        return;
+    m_watch.received(0);
+    if (m_reply->isFinished())
+        onFinished();
+    else
+        onReadyRead();
 }
 
 void Download::onFinished()
@@ -232,8 +280,8 @@ void Download::onFinished()
     // answer without one. A failed connection has neither.
     if (m_refusal.outcome && (m_headersChecked || m_reply->error() == QNetworkReply::NoError)) {
         onReadyRead();
-        if (!m_reply)
-            return; // complete, or failed for good
+        if (!m_reply || m_holding)
+            return; // complete, failed for good, or the rest follows when the hasher has room
     }
     Transfer::Verdict verdict = m_refusal.outcome ? Transfer::judge(m_reply) : m_refusal;
     if (verdict.outcome) {
@@ -252,6 +300,7 @@ void Download::restartFromZero()
     m_part.resize(0);
     m_written = 0;
     m_hasher->restart();
+    m_holding = false;
     m_validator.clear();
     QFile::remove(m_metaPath);
 }
@@ -271,22 +320,24 @@ void Download::failAttempt(const Transfer::Verdict &verdict)
 {
     qCWarning(lcVindal) << "download attempt failed:" << verdict.outcome.message;
     m_plan.fail(verdict);
-    m_stall.stop();
+    m_watch.stop();
     QTimer::singleShot(m_plan.delayMs(), this, &Download::attempt);
 }
 
 void Download::complete()
 {
     dropReply();
-    m_stall.stop();
-    // The hasher may still be reading the last bytes back.
-    m_hasher->whenHashed(m_entry.size, [this](const QString &sha256) {
+    m_watch.stop();
+    // The hasher may still be working through its queue.
+    m_hasher->whenHashed([this](const QString &sha256) {
         QMetaObject::invokeMethod(this, [this, sha256] { verified(sha256); }, Qt::QueuedConnection);
     });
 }
 
 void Download::verified(const QString &sha256)
 {
+    if (m_finished)
+        return; // the deadline came first
     if (sha256 != m_entry.sha256) {
         const QString url = m_urls.at(qMax(0, m_plan.current())).toString();
         Transfer::Verdict verdict;
@@ -296,7 +347,6 @@ void Download::verified(const QString &sha256)
         restartFromZero();
         return failAttempt(verdict); // this base serves a wrong file; the others may not
     }
-    m_hasher.reset(); // it holds the file open, which would stop a rename on Windows
     m_part.close();
     if (QFileInfo::exists(m_finalPath))
         QFile::remove(m_finalPath);
@@ -312,9 +362,14 @@ void Download::verified(const QString &sha256)
 
 void Download::finish(const Outcome &outcome)
 {
-    m_stall.stop();
+    if (m_finished)
+        return;
+    m_finished = true;
+    m_watch.stop();
+    m_deadline.stop();
     dropReply();
     m_part.close();
+    m_lock.unlock();
     const Done done = m_done;
     done(outcome, m_finalPath);
 }

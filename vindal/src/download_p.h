@@ -2,11 +2,13 @@
 #define VINDAL_DOWNLOAD_P_H
 
 #include "packageindex_p.h"
-#include "parthasher_p.h"
 #include "repositoryconfig_p.h"
+#include "streamhasher_p.h"
 #include "transfer_p.h"
+#include "transferwatch_p.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QLockFile>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
@@ -20,12 +22,14 @@ class QNetworkReply;
 namespace Vindal {
 
 // Downloads one package file into a folder. The bytes go to "<file>.part"
-// and are hashed (SHA-256) as they arrive; the file gets its final name only
-// once its size and SHA-256 match the index. (Its MD5 is the index's: equal
-// SHA-256 means equal bytes.) A ".part" left by an earlier attempt
-// is resumed with a range request (If-Range guards against a changed file).
-// Lives on the manager's thread; deleting it stops the transfer and keeps
-// the ".part" for a later resume.
+// and are hashed (SHA-256) from memory as they arrive; the file gets its
+// final name only once its size and SHA-256 match the index. (Its MD5 is the
+// index's: equal SHA-256 means equal bytes.) A ".part" left by an earlier
+// attempt is resumed with a range request (If-Range guards against a changed
+// file). "<file>.part.lock" keeps a second download of the same file into the
+// same folder out. Reading stops while the disk or the hash is behind, so
+// memory stays bounded whatever their speed. Lives on the manager's thread;
+// deleting it stops the transfer and keeps the ".part" for a later resume.
 class Download : public QObject
 {
 public:
@@ -45,6 +49,7 @@ private:
     void prepared(const std::shared_ptr<Resume> &resume);
     void attempt();
     void onReadyRead();
+    void resumeReading();
     void onFinished();
     bool acceptHeaders();
     void restartFromZero();
@@ -69,14 +74,18 @@ private:
     ProgressThrottle m_throttle;
 
     QFile m_part;
-    std::unique_ptr<PartHasher> m_hasher;
+    QLockFile m_lock;
+    std::unique_ptr<StreamHasher> m_hasher;
+    bool m_holding = false; // reading paused until the hasher has room
+    bool m_finished = false;
     qint64 m_written = 0;
     QByteArray m_validator;
     QPointer<QNetworkReply> m_reply;
     bool m_rangeRequested = false;
     bool m_headersChecked = false;
     Transfer::Verdict m_refusal; // set when this side ended the attempt
-    QTimer m_stall;
+    TransferWatch m_watch;
+    QTimer m_deadline;
 };
 
 } // namespace Vindal

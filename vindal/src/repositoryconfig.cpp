@@ -73,14 +73,32 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
 
     double stall = c.stallTimeoutMs / 1000.0;
     double retries = c.retries;
+    double rate = c.minimumRate;
+    double window = c.rateWindowMs / 1000.0;
+    double deadline = 0;
     if (!positiveNumber(map, QStringLiteral("stallTimeout"), &stall, error)
-        || !positiveNumber(map, QStringLiteral("retries"), &retries, error))
+        || !positiveNumber(map, QStringLiteral("retries"), &retries, error)
+        || !positiveNumber(map, QStringLiteral("minimumRate"), &rate, error)
+        || !positiveNumber(map, QStringLiteral("rateWindow"), &window, error)
+        || !positiveNumber(map, QStringLiteral("deadline"), &deadline, error))
         return false;
     if (stall <= 0 || stall > 3600) {
         *error = QStringLiteral("\"stallTimeout\" must be more than 0 and at most 3600 seconds");
         return false;
     }
+    if (window <= 0 || window > 3600) {
+        *error = QStringLiteral("\"rateWindow\" must be more than 0 and at most 3600 seconds");
+        return false;
+    }
+    if (rate > 1e9 || deadline > 7 * 86400) {
+        *error = rate > 1e9 ? QStringLiteral("\"minimumRate\" must be at most 1000000000 bytes per second")
+                            : QStringLiteral("\"deadline\" must be at most 604800 seconds (0: none)");
+        return false;
+    }
     c.stallTimeoutMs = int(stall * 1000);
+    c.minimumRate = int(rate);
+    c.rateWindowMs = int(window * 1000);
+    c.deadlineMs = int(deadline * 1000);
     c.retries = int(qMin(retries, 10.0));
 
     const QString publicKey = map.value(QStringLiteral("publicKey")).toString();

@@ -19,6 +19,9 @@ struct RepositoryConfig
 
     QList<QUrl> bases;               // "repository" first, then "mirrors", each ending in "/"
     int stallTimeoutMs = 30000;
+    int minimumRate = 1024;          // bytes per second over a rate window; 0: no minimum
+    int rateWindowMs = 30000;
+    int deadlineMs = 0;              // a whole package download, every attempt; 0: none
     int retries = 2;
     QByteArray publicKey;            // raw Ed25519 key; empty: indexes are not checked
     ProxyMode proxyMode = SystemProxy;
