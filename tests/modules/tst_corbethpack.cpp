@@ -128,6 +128,12 @@ private slots:
         QTest::newRow("fetch, unknown module")
             << QStringList{"fetch"_s, "--server"_s, "file:@/empty-repo"_s, "--module"_s, "nothing"_s, "-o"_s, "#"_s}
             << 1 << "NotFound"_s;
+        // fetch hands its network options to the library, which names the key at fault.
+        const QStringList fetch{"fetch"_s, "--server"_s, "file:@/unsigned"_s, "--module"_s, "app"_s, "-o"_s, "#"_s};
+        QTest::newRow("fetch, zero stall time-out") << fetch + QStringList{"--stall-timeout"_s, "0"_s} << 1 << "\"stallTimeout\""_s;
+        QTest::newRow("fetch, missing CA file") << fetch + QStringList{"--ca-file"_s, "@/none.pem"_s} << 1 << "\"caFile\""_s;
+        QTest::newRow("fetch, ftp proxy") << fetch + QStringList{"--proxy"_s, "ftp://127.0.0.1:1"_s} << 1 << "\"proxy\""_s;
+        QTest::newRow("fetch, deadline in words") << fetch + QStringList{"--deadline"_s, "soon"_s} << 2 << "seconds"_s;
         QTest::newRow("nothing") << QStringList() << 2 << "Usage:"_s;
         QTest::newRow("unknown command") << QStringList{"pack"_s} << 2 << "unknown command"_s;
         QTest::newRow("create without -o") << QStringList{"create"_s, "."_s} << 2 << "missing -o"_s;

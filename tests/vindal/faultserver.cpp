@@ -14,6 +14,10 @@
 //   corrupt  the file's length, one byte changed
 //   tohttp   a redirect to the same file under /ok/
 //   hangup   the connection closed without an answer
+//   drip     headers, then one byte every 100 ms (for at most a minute)
+//   twoclients  the first request gets half the file and the rest 2 s
+//            later, so that a second client can come in between; later
+//            requests are ok
 // Each request line (and its Range header) goes to standard error before the
 // answer. The server quits when its standard input closes.
 
@@ -21,6 +25,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QHash>
 #include <QtCore/QSocketNotifier>
+#include <QtCore/QTimer>
 #include <QtNetwork/QTcpServer>
 #include <QtNetwork/QTcpSocket>
 
@@ -51,7 +56,7 @@ void serve(QTcpSocket *socket, const QByteArray &path, const QByteArray &range)
     QByteArray content = file.readAll();
     const QByteArray length = QByteArray::number(content.size());
     const bool document = relative.endsWith(".json") || relative.endsWith(".sig");
-    if (document || fault == "ok" || (seen[path]++ > 0 && (fault == "drop" || fault == "busy"))) {
+    if (document || fault == "ok" || (seen[path]++ > 0 && (fault == "drop" || fault == "busy" || fault == "twoclients"))) {
         const QByteArray etag = "ETag: \"v1\"\r\n";
         const qint64 from = range.startsWith("bytes=") && range.endsWith('-') ? range.mid(6, range.size() - 7).toLongLong() : -1;
         if (from >= content.size())
@@ -70,6 +75,21 @@ void serve(QTcpSocket *socket, const QByteArray &path, const QByteArray &range)
     }
     if (fault == "hangup")
         return socket->abort();
+    if (fault == "drip" || fault == "twoclients") {
+        const int first = fault == "drip" ? 0 : content.size() / 2;
+        socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\nETag: \"v1\"\r\nContent-Length: " + length + "\r\n\r\n"
+                      + content.left(first));
+        auto sent = std::make_shared<int>(first);
+        auto *timer = new QTimer(socket);
+        QObject::connect(timer, &QTimer::timeout, socket, [socket, timer, content, sent, fault] {
+            if (fault == "drip" && *sent < qMin(600, content.size()))
+                return void(socket->write(content.mid((*sent)++, 1)));
+            timer->stop();
+            socket->write(content.mid(*sent));
+            socket->disconnectFromHost();
+        });
+        return timer->start(fault == "drip" ? 100 : 2000);
+    }
     if (fault == "busy")
         return reply(socket, "503 Service Unavailable", "Retry-After: 1\r\n", "busy");
     if (fault == "down")

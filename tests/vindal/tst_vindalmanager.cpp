@@ -112,6 +112,7 @@ private slots:
         QTest::newRow("ftp repository") << "repository" << QVariant("ftp://127.0.0.1/repo/"_s);
         QTest::newRow("bad mirror") << "mirrors" << QVariant(QStringList{"not a url"_s});
         QTest::newRow("zero stall") << "stallTimeout" << QVariant(0);
+        QTest::newRow("zero rate window") << "rateWindow" << QVariant(0);
         QTest::newRow("stall as text") << "stallTimeout" << QVariant("soon"_s);
         QTest::newRow("bad public key") << "publicKey" << QVariant("AAAA"_s);
         QTest::newRow("bad proxy") << "proxy" << QVariant("ftp://127.0.0.1:1"_s);
@@ -190,6 +191,8 @@ private slots:
         QTest::newRow("wrong length") << "short" << false << int(Error::ChecksumMismatch) << "";
         QTest::newRow("wrong content") << "corrupt" << false << int(Error::ChecksumMismatch) << "";
         QTest::newRow("stall") << "stall" << false << int(Error::Timeout) << "";
+        QTest::newRow("slow drip") << "drip" << false << int(Error::Timeout) << "minimum";
+        QTest::newRow("deadline") << "drip deadline" << false << int(Error::Timeout) << "did not finish within 1 s";
         QTest::newRow("hangup keeps the part") << "hangup" << true << int(Error::DownloadFailed) << "";
         QTest::newRow("range ignored") << "norange" << true << 0 << "";
         QTest::newRow("https untrusted") << "https" << false << int(Error::DownloadFailed) << "certificate";
@@ -206,7 +209,9 @@ private slots:
         QVERIFY(publish());
         FaultServer faults;
         QString base;
-        QVariantMap more{{"stallTimeout"_s, 0.5}, {"retries"_s, afterDrop ? 0 : 1}};
+        QVariantMap more{{"stallTimeout"_s, 0.5}, {"rateWindow"_s, 1}, {"retries"_s, afterDrop ? 0 : 1}};
+        if (server.endsWith(" deadline"_s)) // the drip alone would go on for a minute
+            more = {{"deadline"_s, 1}, {"minimumRate"_s, 0}};
         if (server.startsWith("https"_s)) {
             if (!m_haveNginx)
                 QSKIP("the nginx fixture is not running");
@@ -214,7 +219,7 @@ private slots:
             more = server.contains("ca"_s) ? QVariantMap{{"caFile"_s, m_nginx.caFile}} : QVariantMap();
         } else {
             QVERIFY(faults.start(m_repo));
-            base = faults.url(server);
+            base = faults.url(server.section(QLatin1Char(' '), 0, 0));
         }
         Manager manager;
         qint64 part = 0;
@@ -337,6 +342,33 @@ private slots:
         QTest::qWait(200);
         delete reply;
         QTest::qWait(100);
+    }
+
+    // Two downloads of one package into one folder: the second is refused
+    // at once, the first goes on undisturbed; once it is done the file is
+    // there for anyone.
+    void concurrentDownloads()
+    {
+        QVERIFY(publish());
+        FaultServer faults;
+        QVERIFY(faults.start(m_repo));
+        Manager first;
+        Manager second;
+        QCOMPARE(configure(first, faults.url("twoclients"_s)), 0);
+        QCOMPARE(configure(second, faults.url("twoclients"_s)), 0);
+        Reply *running = first.downloadModule(Module, VDBasicInfo());
+        QSignalSpy progress(running, &Reply::downloadProgress);
+        QVERIFY(progress.wait(5000));
+
+        const QVariantMap refused = finish(second.downloadModule(Module, VDBasicInfo()));
+        QCOMPARE(codeOf(refused), int(Error::DownloadFailed));
+        QVERIFY2(refused.value("errorMessage"_s).toString().contains("being downloaded by another"_s),
+                 qPrintable(refused.value("errorMessage"_s).toString()));
+        QCOMPARE(codeOf(finish(running)), 0);
+        QCOMPARE(readFile(stored()), readFile(m_package));
+        QCOMPARE(faults.log().count("GET /twoclients/modules/app/" + FileName.toLatin1()), 1);
+        QCOMPARE(codeOf(download(second)), 0);
+        QVERIFY(!QFileInfo::exists(stored(".part.lock"_s)));
     }
 
     void upgrades()

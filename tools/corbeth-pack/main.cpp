@@ -36,6 +36,7 @@ const char *const kUsage =
     "  verify <package> [--repo <folder> --module <name> [--version <v>] [--public-key <key>]]\n"
     "  extract <package> -C <folder>\n"
     "  fetch --server <url> --module <name> [--version <v>] -o <folder> [--mirror <url>]... [--public-key <key>]\n"
+    "        [--stall-timeout <s>] [--deadline <s>] [--ca-file <pem>] [--proxy system|none|<url>]\n"
     "\n"
     "Run 'corbeth-pack <command> --help' for the options of one command.\n";
 
@@ -323,10 +324,32 @@ int fetch(const QStringList &arguments)
     cl.addValue({QStringLiteral("public-key")},
                 QStringLiteral("Refuse indexes not signed with this key (base64 text or a .pub file)."),
                 QStringLiteral("key"));
+    cl.addValue({QStringLiteral("stall-timeout")}, QStringLiteral("Give up a transfer that receives nothing for this long (default 30)."),
+                QStringLiteral("seconds"));
+    cl.addValue({QStringLiteral("deadline")}, QStringLiteral("Give up a download not done in this time, retries included (default: none)."),
+                QStringLiteral("seconds"));
+    cl.addValue({QStringLiteral("ca-file")}, QStringLiteral("Trust the certificate authorities of this PEM file too."),
+                QStringLiteral("pem"));
+    cl.addValue({QStringLiteral("proxy")}, QStringLiteral("system (the default), none, or http://host:port or socks5://host:port."),
+                QStringLiteral("proxy"));
     int code = ExitSuccess;
     if (!cl.parse(arguments, 0, &code)
         || !cl.require({QStringLiteral("server"), QStringLiteral("module"), QStringLiteral("o")}, &code))
         return code;
+    // The library checks the values and names its own key when one is wrong.
+    QVariantMap network;
+    for (const auto &option : {qMakePair(QStringLiteral("stall-timeout"), QStringLiteral("stallTimeout")),
+                               qMakePair(QStringLiteral("deadline"), QStringLiteral("deadline"))}) {
+        bool ok = true;
+        if (cl.isSet(option.first))
+            network.insert(option.second, cl.value(option.first).toDouble(&ok));
+        if (!ok)
+            return cl.usage(QStringLiteral("--%1 takes a number of seconds").arg(option.first));
+    }
+    if (cl.isSet(QStringLiteral("ca-file")))
+        network.insert(QStringLiteral("caFile"), cl.value(QStringLiteral("ca-file")));
+    if (cl.isSet(QStringLiteral("proxy")))
+        network.insert(QStringLiteral("proxy"), cl.value(QStringLiteral("proxy")));
 
     const QString folder = QDir(cl.value(QStringLiteral("o"))).absolutePath();
     if (!QDir().mkpath(folder))
@@ -344,6 +367,7 @@ int fetch(const QStringList &arguments)
         {QStringLiteral("moduleInfo"), moduleInfo},
         {QStringLiteral("startDownload"), QVariantMap{{QStringLiteral("temporaryStoragePath"), folder}}},
     };
+    config.insert(network);
     if (cl.isSet(QStringLiteral("mirror")))
         config.insert(QStringLiteral("mirrors"), cl.values(QStringLiteral("mirror")));
     if (cl.isSet(QStringLiteral("public-key")))

@@ -21,12 +21,13 @@ namespace {
 const QString MetaSha256 = QStringLiteral("sha256");
 const QString MetaValidator = QStringLiteral("validator");
 
-// What the transfer may hold in memory: Qt's read buffer, the buffers queued
-// for the hash, and one buffer being written. Together well under 32 MiB,
-// and large enough to keep pace with curl.
-const qint64 ReadBufferBytes = 4 << 20;
-const qint64 HashQueueBytes = 8 << 20;
-const qint64 ChunkBytes = 1 << 20;
+// What the transfer holds in memory: Qt's read buffer, the buffers queued for
+// the hash, and the one being written; a few MiB in all. Larger buffers gain
+// no speed (measured against curl on loopback) and only cost peak memory,
+// as each is a separate allocation.
+const qint64 ReadBufferBytes = 256 << 10;
+const qint64 HashQueueBytes = 2 << 20;
+const qint64 ChunkBytes = 256 << 10;
 
 } // namespace
 
