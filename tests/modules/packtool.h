@@ -20,9 +20,10 @@ struct Run
     QString err;
 };
 
-inline Run run(const QStringList &arguments)
+inline Run run(const QStringList &arguments, const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
 {
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.start(QStringLiteral(CORBETH_PACK), arguments);
     if (!process.waitForFinished(120000)) {
         process.kill();

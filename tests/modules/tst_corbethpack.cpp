@@ -1,6 +1,9 @@
 #include "packtool.h"
 #include "testmain.h"
 
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QUrl>
@@ -107,6 +110,66 @@ private slots:
         // What was fetched checks out against the repository's index and its signature.
         QVERIFY(PackTool::ok(QStringList{"verify"_s, out.filePath(name), "--repo"_s, repo, "--module"_s, "app"_s}
                              + key));
+    }
+
+    // While the disk falls behind, reading from the network stops: the peak
+    // memory of a fetch through a slow disk does not grow with the package,
+    // beyond that of a small fetch at full speed.
+    void slowDiskKeepsMemoryBounded()
+    {
+#ifndef VINDAL_SLOWDISK
+        QSKIP("the slow disk shim is built on Linux only");
+#else
+        QTemporaryDir dir;
+        const QString big = dir.filePath("big.tolmpkg"_s);
+        QVERIFY(writeFile(dir.filePath("tree/payload.bin"_s), pseudoRandom(48 << 20, 9)));
+        QVERIFY(PackTool::ok({"create"_s, dir.filePath("tree"_s), "-o"_s, big}));
+        QVERIFY(PackTool::ok({"publish"_s, big, "--module"_s, "big"_s, "--version"_s, "1"_s, "--repo"_s, dir.filePath("repo"_s)}));
+        QVERIFY(PackTool::ok({"publish"_s, m_package, "--module"_s, "small"_s, "--version"_s, "1"_s, "--repo"_s, dir.filePath("repo"_s)}));
+        FaultServer server;
+        QVERIFY(server.start(dir.filePath("repo"_s)));
+        const auto peakOf = [&](const QString &module, const QString &bytesPerSecond) {
+            QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+            environment.insert("LD_PRELOAD"_s, QStringLiteral(VINDAL_SLOWDISK));
+            environment.insert("SLOWDISK_BYTES_PER_SECOND"_s, bytesPerSecond);
+            environment.insert("SLOWDISK_REPORT"_s, dir.filePath("peak"_s));
+            const PackTool::Run run = PackTool::run({"fetch"_s, "--server"_s, server.url("ok"_s), "--module"_s, module, "-o"_s,
+                                                     dir.filePath("out"_s)}, environment);
+            return run.exitCode == 0 ? readFile(dir.filePath("peak"_s)).trimmed().toLongLong() : -1;
+        };
+        const qint64 small = peakOf("small"_s, "1e12"_s);
+        const qint64 slow = peakOf("big"_s, QString::number(24 << 20));
+        QVERIFY(small > 0 && slow > 0);
+        QVERIFY2(slow <= small + 6 * 1024, qPrintable("peak %1 KiB through the slow disk, %2 KiB for a small fetch"_s.arg(slow).arg(small)));
+        QCOMPARE(PackTool::md5Of(dir.filePath("out/big.tolmpkg"_s)), PackTool::md5Of(big));
+#endif
+    }
+
+    // An index as large as a server cares to send (here 38,000 versions, 8 MB)
+    // is refused or parsed within a fixed amount of memory.
+    void largeIndexKeepsMemoryBounded()
+    {
+#ifndef VINDAL_SLOWDISK
+        QSKIP("the peak memory report comes with the slow disk shim, built on Linux only");
+#else
+        QTemporaryDir dir;
+        QJsonArray versions;
+        for (int i = 0; i < 38000; ++i)
+            versions.append(QJsonObject{{"version"_s, "1.0.%1"_s.arg(i)}, {"file"_s, "app-1.0.%1.tolmpkg"_s.arg(i)}, {"size"_s, 1000 + i},
+                                        {"md5"_s, "%1"_s.arg(i, 32, 16, QLatin1Char('0'))}, {"sha256"_s, "%1"_s.arg(i, 64, 16, QLatin1Char('0'))},
+                                        {"published"_s, "2026-01-01"_s}});
+        const QByteArray index = QJsonDocument(QJsonObject{{"format"_s, 1}, {"module"_s, "app"_s}, {"versions"_s, versions}}).toJson(QJsonDocument::Compact);
+        QVERIFY(index.size() > 7000000);
+        QVERIFY(writeFile(dir.filePath("repo/modules/app/index.json"_s), index));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_PRELOAD"_s, QStringLiteral(VINDAL_SLOWDISK));
+        environment.insert("SLOWDISK_REPORT"_s, dir.filePath("peak"_s));
+        const PackTool::Run run = PackTool::run({"fetch"_s, "--server"_s, QUrl::fromLocalFile(dir.filePath("repo"_s)).toString(), "--module"_s,
+                                                 "app"_s, "-o"_s, dir.filePath("out"_s)}, environment);
+        QCOMPARE(run.exitCode, 1); // no package files in this repository
+        const qint64 peak = readFile(dir.filePath("peak"_s)).trimmed().toLongLong();
+        QVERIFY2(peak > 0 && peak < 64 * 1024, qPrintable("peak %1 KiB: %2"_s.arg(peak).arg(run.err)));
+#endif
     }
 
     void failures_data()

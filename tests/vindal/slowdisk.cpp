@@ -1,7 +1,9 @@
 // A slow disk for one process: loaded with LD_PRELOAD, it makes write() to
 // files whose name ends in ".part" take as long as a disk writing
 // SLOWDISK_BYTES_PER_SECOND (default 16 MiB/s) would, by sleeping before
-// each write. Other files and sockets are left alone. Linux only.
+// each write. Other files and sockets are left alone. With SLOWDISK_REPORT
+// set, the process's peak resident memory (KiB) is written to that file when
+// it exits. Linux only.
 
 #include <dlfcn.h>
 #include <sys/types.h>
@@ -45,4 +47,24 @@ extern "C" ssize_t write(int fd, const void *buffer, size_t size)
         nanosleep(&pause, nullptr);
     }
     return real(fd, buffer, size);
+}
+
+// Runs when the process exits normally, after main().
+__attribute__((destructor)) static void reportPeakMemory()
+{
+    const char *report = std::getenv("SLOWDISK_REPORT");
+    std::FILE *status = report ? std::fopen("/proc/self/status", "r") : nullptr;
+    if (!status)
+        return;
+    char line[256];
+    long peak = -1;
+    while (std::fgets(line, sizeof line, status)) {
+        if (std::sscanf(line, "VmHWM: %ld kB", &peak) == 1)
+            break;
+    }
+    std::fclose(status);
+    if (std::FILE *out = std::fopen(report, "w")) {
+        std::fprintf(out, "%ld\n", peak);
+        std::fclose(out);
+    }
 }

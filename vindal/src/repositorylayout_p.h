@@ -27,7 +27,10 @@ inline QString signature(PackageIndex::Kind kind, const QString &module)
 }
 
 // Documents larger than this are not indexes; the client never reads more.
-const qint64 MaxIndexBytes = 8 * 1024 * 1024;
+// Parsing takes about seven times a document's size in memory, so this keeps
+// the worst a server can send within the client's 64 MiB (over 15,000
+// versions fit).
+const qint64 MaxIndexBytes = 4 * 1024 * 1024;
 const qint64 MaxSignatureBytes = 1024;
 
 } // namespace RepositoryLayout
