@@ -3,6 +3,7 @@
 #include "logging_p.h"
 #include "repositorylayout_p.h"
 #include "signature_p.h"
+#include "transferwatch_p.h"
 
 #include <QtCore/QTimer>
 #include <QtNetwork/QNetworkAccessManager>
@@ -116,19 +117,16 @@ void IndexFetcher::fetch(const QString &path, qint64 cap, Fetched fetched)
     reply->setReadBufferSize(64 * 1024);
     auto body = std::make_shared<QByteArray>();
     auto refusal = std::make_shared<Transfer::Verdict>();
-    auto *stall = new QTimer(reply);
-    stall->setSingleShot(true);
-    stall->setInterval(m_config.stallTimeoutMs);
-    // The timer lives with the reply, which may outlive this object briefly.
-    const double seconds = m_config.stallTimeoutMs / 1000.0;
-    connect(stall, &QTimer::timeout, reply, [reply, refusal, url, seconds] {
-        refusal->outcome = Outcome::failure(Error::Timeout, QStringLiteral("no data from %1 for %2 s").arg(url.toString()).arg(seconds),
-                                            url.toString());
-        refusal->retryable = true;
-        reply->abort();
-    });
-    connect(reply, &QNetworkReply::readyRead, this, [reply, body, refusal, cap, stall, url] {
-        stall->start();
+    // The watch lives with the reply, which may outlive this object briefly.
+    auto *watch = new TransferWatch(m_config,
+                                    [reply, refusal, url](const QString &why) {
+                                        refusal->outcome = Outcome::failure(Error::Timeout, why, url.toString());
+                                        refusal->retryable = true;
+                                        reply->abort();
+                                    },
+                                    reply);
+    connect(reply, &QNetworkReply::readyRead, this, [reply, body, refusal, cap, watch, url] {
+        watch->received(reply->bytesAvailable());
         if (body->size() + reply->bytesAvailable() > cap) {
             refusal->outcome = Outcome::failure(Error::InvalidIndex,
                                                 QStringLiteral("%1 is larger than %2 bytes").arg(url.toString()).arg(cap), url.toString());
@@ -150,7 +148,7 @@ void IndexFetcher::fetch(const QString &path, qint64 cap, Fetched fetched)
             return fetched(*refusal, QByteArray());
         fetched(Transfer::judge(reply), *body);
     });
-    stall->start();
+    watch->start(url.toString());
 }
 
 } // namespace Vindal
