@@ -56,6 +56,9 @@ QMap<QString, QByteArray> snapshot(const QString &folder)
 QVariantMap waitFinished(Vindal::Reply *reply, int timeoutMs)
 {
     QSignalSpy spy(reply, &Vindal::Reply::finished);
+    // An unpack finishes on its worker thread, possibly before the spy was there.
+    if (reply->isFinished())
+        return reply->result();
     if (spy.isEmpty() && !spy.wait(timeoutMs))
         return QVariantMap();
     return spy.first().first().toMap();
