@@ -369,6 +369,17 @@ private slots:
         QCOMPARE(faults.log().count("GET /twoclients/modules/app/" + FileName.toLatin1()), 1);
         QCOMPARE(codeOf(download(second)), 0);
         QVERIFY(!QFileInfo::exists(stored(".part.lock"_s)));
+
+        // The lock of a process that died is taken over.
+        QProcess gone;
+        gone.start("true"_s, QStringList());
+        QVERIFY(gone.waitForStarted(5000));
+        const qint64 pid = gone.processId();
+        QVERIFY(gone.waitForFinished(5000));
+        QVERIFY(QFile::remove(stored()));
+        QVERIFY(writeFile(stored(".part.lock"_s), "%1\ncorbeth-pack\n%2\n"_s.arg(pid).arg(QSysInfo::machineHostName()).toUtf8()));
+        QCOMPARE(codeOf(download(second)), 0);
+        QCOMPARE(readFile(stored()), readFile(m_package));
     }
 
     void upgrades()
