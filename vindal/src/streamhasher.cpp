@@ -44,12 +44,6 @@ bool StreamHasher::add(const QByteArray &buffer)
     return !full;
 }
 
-bool StreamHasher::isFull() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_full;
-}
-
 void StreamHasher::restart()
 {
     {

@@ -30,7 +30,6 @@ public:
     // Queues a buffer. False when the queue is full with it: the caller
     // stops handing over buffers until roomAgain.
     bool add(const QByteArray &buffer);
-    bool isFull() const;
     // Forgets everything hashed or queued: the download starts again.
     void restart();
     // Calls done, on the hasher's thread, with the SHA-256 of everything
@@ -42,7 +41,7 @@ private:
 
     const qint64 m_capacity;
     const std::function<void()> m_roomAgain;
-    mutable std::mutex m_mutex;
+    std::mutex m_mutex;
     std::condition_variable m_wake;
     std::deque<QByteArray> m_queue;
     qint64 m_queued = 0;
