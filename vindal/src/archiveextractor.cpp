@@ -12,6 +12,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <cstring>
 #include <memory>
 #include <system_error>
 
@@ -59,6 +60,15 @@ QString linkTarget(struct archive_entry *entry)
     if (const char *raw = archive_entry_symlink(entry))
         return QString::fromLocal8Bit(raw);
     return QString();
+}
+
+// libarchive gives this warning the same error number as damage; only its
+// text tells them apart. The entry's name is still known (see entryName()),
+// so the locale does not matter here.
+bool onlyNameUnconvertible(struct archive *reader, const QString &name)
+{
+    const char *why = archive_error_string(reader);
+    return !name.isEmpty() && why && std::strstr(why, "converted from") && std::strstr(why, "to current locale");
 }
 
 Outcome unsafe(const QString &name, const QString &why)
@@ -187,8 +197,12 @@ Outcome ArchiveExtractor::run(const ProgressCallback &progress)
             return corrupt(QString(), last.isEmpty() ? why : QStringLiteral("after \"%1\": %2").arg(last, why));
         }
         const QString name = entryName(entry);
-        if (r == ARCHIVE_WARN)
-            qCWarning(lcVindal) << "archive warning at" << name << archive_error_string(reader.get());
+        // A warning on a header is damage the reader chose to read past
+        // (a malformed attribute, an inconsistent size); nothing of it is
+        // trusted. The one exception is harmless: a name the current locale
+        // cannot show (a "C" locale, say) whose UTF-8 form is known.
+        if (r != ARCHIVE_OK && !onlyNameUnconvertible(reader.get(), name))
+            return corrupt(name, QString::fromUtf8(archive_error_string(reader.get())));
         if (++entries > m_maxEntries)
             return unsafe(name, QStringLiteral("more than %1 entries for an archive of %2 bytes").arg(m_maxEntries).arg(m_archiveSize));
         const Outcome outcome = extractEntry(reader.get(), entry, name, progress);
@@ -300,7 +314,9 @@ Outcome ArchiveExtractor::writeFile(struct archive *reader, struct archive_entry
         const int r = archive_read_data_block(reader, &block, &size, &offset);
         if (r == ARCHIVE_EOF)
             break;
-        if (r < ARCHIVE_WARN)
+        // libarchive reports a ZIP entry whose CRC does not match as a mere
+        // warning on its last block: the bytes are wrong all the same.
+        if (r != ARCHIVE_OK)
             return corrupt(name, QString::fromUtf8(archive_error_string(reader)));
         if (offset < 0 || offset > m_maxBytes)
             return corrupt(name, QStringLiteral("block outside the file"));
