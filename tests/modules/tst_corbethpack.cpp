@@ -41,6 +41,7 @@ private slots:
         QVERIFY(writeFile(damaged, bytes));
         QVERIFY(writeFile(m_work.filePath("bogus.tolmpkg"_s), QByteArray(4096, 'x')));
         QVERIFY(QDir().mkpath(m_work.filePath("empty-repo"_s)));
+        QVERIFY(writeFile(m_work.filePath("empty.pub"_s), "\n"));
     }
 
     void createAndExtract_data()
@@ -197,6 +198,17 @@ private slots:
         QTest::newRow("fetch, missing CA file") << fetch + QStringList{"--ca-file"_s, "@/none.pem"_s} << 1 << "\"caFile\""_s;
         QTest::newRow("fetch, ftp proxy") << fetch + QStringList{"--proxy"_s, "ftp://127.0.0.1:1"_s} << 1 << "\"proxy\""_s;
         QTest::newRow("fetch, deadline in words") << fetch + QStringList{"--deadline"_s, "soon"_s} << 2 << "seconds"_s;
+        // An empty key never turns the signature check off.
+        QTest::newRow("fetch, empty public key") << fetch + QStringList{"--public-key"_s, ""_s} << 1 << "ConfigError"_s;
+        QTest::newRow("fetch, empty .pub file")
+            << fetch + QStringList{"--public-key"_s, "@/empty.pub"_s} << 1 << "empty.pub\" is empty [ConfigError]"_s;
+        QTest::newRow("verify, empty public key")
+            << QStringList{"verify"_s, "@/app.tolmpkg"_s, "--repo"_s, "@/unsigned"_s, "--module"_s, "app"_s,
+                           "--public-key"_s, ""_s}
+            << 1 << "ConfigError"_s;
+        QTest::newRow("publish, empty key") << QStringList{"publish"_s, "@/app.tolmpkg"_s, "--repo"_s, "#/repo"_s,
+                                                           "--module"_s, "app"_s, "--version"_s, "3"_s, "--key"_s, ""_s}
+                                            << 1 << "--key is empty [ConfigError]"_s;
         QTest::newRow("nothing") << QStringList() << 2 << "Usage:"_s;
         QTest::newRow("unknown command") << QStringList{"pack"_s} << 2 << "unknown command"_s;
         QTest::newRow("create without -o") << QStringList{"create"_s, "."_s} << 2 << "missing -o"_s;

@@ -115,6 +115,8 @@ private slots:
         QTest::newRow("zero rate window") << "rateWindow" << QVariant(0);
         QTest::newRow("stall as text") << "stallTimeout" << QVariant("soon"_s);
         QTest::newRow("bad public key") << "publicKey" << QVariant("AAAA"_s);
+        QTest::newRow("empty public key") << "publicKey" << QVariant(""_s);
+        QTest::newRow("blank public key") << "publicKey" << QVariant(" \n"_s);
         QTest::newRow("bad proxy") << "proxy" << QVariant("ftp://127.0.0.1:1"_s);
         QTest::newRow("missing CA file") << "caFile" << QVariant("/nonexistent/ca.pem"_s);
         QTest::newRow("bad module") << "moduleInfo" << QVariant(QVariantMap{{"module"_s, "../app"_s}});

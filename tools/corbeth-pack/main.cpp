@@ -132,13 +132,27 @@ private:
     QCommandLineParser m_parser;
 };
 
-// A key given either as the base64 text itself or as the path of a ".pub" file.
-QString readPublicKey(const QString &value)
+// The key of --public-key: the base64 text itself or the path of a ".pub"
+// file; null when the option is not given. An empty value or an empty file is
+// an error, never "no key", which would turn the signature check off.
+Vindal::Outcome readPublicKey(const CommandLine &cl, QString *key)
 {
+    *key = QString();
+    if (!cl.isSet(QStringLiteral("public-key")))
+        return Vindal::Outcome::success();
+    const QString value = cl.value(QStringLiteral("public-key"));
     QFile file(value);
-    if (!value.isEmpty() && file.open(QIODevice::ReadOnly))
-        return QString::fromLatin1(file.readAll()).trimmed();
-    return value;
+    if (!value.isEmpty() && file.open(QIODevice::ReadOnly)) {
+        *key = QString::fromLatin1(file.read(4096)).trimmed();
+        if (key->isEmpty())
+            return Vindal::Outcome::failure(Vindal::Error::ConfigError,
+                                            QStringLiteral("the public key file \"%1\" is empty").arg(value), value);
+        return Vindal::Outcome::success();
+    }
+    if (value.trimmed().isEmpty())
+        return Vindal::Outcome::failure(Vindal::Error::ConfigError, QStringLiteral("--public-key is empty"));
+    *key = value;
+    return Vindal::Outcome::success();
 }
 
 int create(const QStringList &arguments)
@@ -196,6 +210,8 @@ int publish(const QStringList &arguments)
     const QString version = cl.value(QStringLiteral("version"));
     const QString key = cl.value(QStringLiteral("key"));
     const QString name = upgrade ? cl.value(QStringLiteral("model-code")) : cl.value(QStringLiteral("module"));
+    if (cl.isSet(QStringLiteral("key")) && key.trimmed().isEmpty())
+        return fail(command, Vindal::Outcome::failure(Vindal::Error::ConfigError, QStringLiteral("--key is empty")));
     const Vindal::Outcome outcome = upgrade ? Vindal::Repository::publishUpgrade(package, repo, name, version, key)
                                             : Vindal::Repository::publish(package, repo, name, version, key);
     if (!outcome)
@@ -241,6 +257,10 @@ int verify(const QStringList &arguments)
     const bool againstRepo = cl.isSet(QStringLiteral("repo")) || cl.isSet(QStringLiteral("module"));
     if (againstRepo && !cl.require({QStringLiteral("repo"), QStringLiteral("module")}, &code))
         return code;
+    QString publicKey;
+    const Vindal::Outcome keyRead = readPublicKey(cl, &publicKey);
+    if (!keyRead)
+        return fail(command, keyRead);
     if (!QFileInfo(package).isFile())
         return fail(command, QStringLiteral("no such package: %1").arg(package));
 
@@ -254,7 +274,7 @@ int verify(const QStringList &arguments)
     if (againstRepo) {
         const Vindal::Outcome outcome = Vindal::Repository::verifyPackage(
             package, cl.value(QStringLiteral("repo")), cl.value(QStringLiteral("module")),
-            cl.value(QStringLiteral("version")), readPublicKey(cl.value(QStringLiteral("public-key"))));
+            cl.value(QStringLiteral("version")), publicKey);
         if (!outcome)
             return fail(command, outcome);
     }
@@ -350,6 +370,10 @@ int fetch(const QStringList &arguments)
         network.insert(QStringLiteral("caFile"), cl.value(QStringLiteral("ca-file")));
     if (cl.isSet(QStringLiteral("proxy")))
         network.insert(QStringLiteral("proxy"), cl.value(QStringLiteral("proxy")));
+    QString publicKey;
+    const Vindal::Outcome keyRead = readPublicKey(cl, &publicKey);
+    if (!keyRead)
+        return fail(command, keyRead);
 
     const QString folder = QDir(cl.value(QStringLiteral("o"))).absolutePath();
     if (!QDir().mkpath(folder))
@@ -370,8 +394,8 @@ int fetch(const QStringList &arguments)
     config.insert(network);
     if (cl.isSet(QStringLiteral("mirror")))
         config.insert(QStringLiteral("mirrors"), cl.values(QStringLiteral("mirror")));
-    if (cl.isSet(QStringLiteral("public-key")))
-        config.insert(QStringLiteral("publicKey"), readPublicKey(cl.value(QStringLiteral("public-key"))));
+    if (!publicKey.isNull())
+        config.insert(QStringLiteral("publicKey"), publicKey);
 
     Vindal::Manager manager;
     QVariantMap answer = waitFor(manager.setConfigData(config));

@@ -105,6 +105,9 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
                                 packageFile);
     }
     QByteArray secretKey;
+    // A key named but empty is a mistake, never a request to publish unsigned.
+    if (!secretKeyFile.isNull() && secretKeyFile.trimmed().isEmpty())
+        return Outcome::failure(Error::ConfigError, QStringLiteral("the secret key file's name is empty"));
     if (!secretKeyFile.isEmpty()) {
         const Outcome key = readSecretKey(secretKeyFile, &secretKey);
         if (!key)
@@ -189,10 +192,13 @@ Outcome Repository::verifyPackage(const QString &packageFile, const QString &rep
     const Outcome read = readFile(indexPath, RepositoryLayout::MaxIndexBytes, &bytes);
     if (!read)
         return read;
-    if (!publicKey.isEmpty()) {
+    if (!publicKey.isNull()) {
+        // Given but empty is refused: an empty key must not turn the check off.
         const QByteArray key = Signature::decodePublicKey(publicKey);
         if (key.isEmpty())
-            return Outcome::failure(Error::ConfigError, QStringLiteral("the public key is not a base64 Ed25519 key"));
+            return Outcome::failure(Error::ConfigError,
+                                    publicKey.trimmed().isEmpty() ? QStringLiteral("the public key is empty")
+                                                                  : QStringLiteral("the public key is not a base64 Ed25519 key"));
         QByteArray signature;
         const QString signaturePath = repo.filePath(RepositoryLayout::signature(PackageIndex::Module, module));
         if (!readFile(signaturePath, RepositoryLayout::MaxSignatureBytes, &signature) || !Signature::verify(bytes, signature, key))

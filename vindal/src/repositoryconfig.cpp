@@ -101,8 +101,13 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
     c.deadlineMs = int(deadline * 1000);
     c.retries = int(qMin(retries, 10.0));
 
-    const QString publicKey = map.value(QStringLiteral("publicKey")).toString();
-    if (!publicKey.isEmpty()) {
+    // A key that is there but empty must not turn the signature check off.
+    if (map.contains(QStringLiteral("publicKey"))) {
+        const QString publicKey = map.value(QStringLiteral("publicKey")).toString();
+        if (publicKey.trimmed().isEmpty()) {
+            *error = QStringLiteral("\"publicKey\" is empty; leave the key out to accept unsigned indexes");
+            return false;
+        }
         c.publicKey = Signature::decodePublicKey(publicKey);
         if (c.publicKey.isEmpty()) {
             *error = QStringLiteral("\"publicKey\" is not a base64 Ed25519 public key");

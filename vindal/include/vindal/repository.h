@@ -22,7 +22,8 @@ public:
     // Copies packageFile into the module's folder and adds (or replaces) the
     // version in the module's index, which is written atomically. With a
     // secret key file the index is signed, otherwise an old signature is
-    // removed (it would no longer match).
+    // removed (it would no longer match). A key file name that is given but
+    // empty is refused (ConfigError), never taken as "unsigned".
     static Outcome publish(const QString &packageFile, const QString &repoFolder, const QString &module,
                            const QString &version, const QString &secretKeyFile = QString());
 
@@ -33,7 +34,8 @@ public:
 
     // Checks packageFile against the module's index entry for version (the
     // newest version when empty): size, MD5 and SHA-256; with a public key
-    // (base64, as in the configuration) the index signature too.
+    // (base64, as in the configuration) the index signature too. A null key
+    // means "no check"; an empty or blank one is refused (ConfigError).
     static Outcome verifyPackage(const QString &packageFile, const QString &repoFolder, const QString &module,
                                  const QString &version = QString(), const QString &publicKey = QString());
 
