@@ -51,8 +51,8 @@ void serve(QTcpSocket *socket, const QByteArray &path, const QByteArray &range)
     const QByteArray fault = path.mid(1, slash - 1);
     const QByteArray relative = path.mid(slash + 1);
     QFile file(QDir(root).filePath(QString::fromUtf8(relative)));
-    if (slash < 0 || relative.contains("..") || !file.open(QIODevice::ReadOnly))
-        return reply(socket, "404 Not Found", QByteArray(), QByteArray());
+    if (slash < 0 || relative.contains("..") || !file.open(QIODevice::ReadOnly)) // with a page, as real servers send
+        return reply(socket, "404 Not Found", "Content-Type: text/html\r\n", "<html><body>404 Not Found</body></html>\n");
     QByteArray content = file.readAll();
     const QByteArray length = QByteArray::number(content.size());
     const bool document = relative.endsWith(".json") || relative.endsWith(".sig");

@@ -406,6 +406,9 @@ private slots:
         QTest::newRow("empty module") << "a.tolmpkg" << "" << "1.0" << int(Error::ConfigError);
         QTest::newRow("bad version") << "a.tolmpkg" << "app" << "1.0 beta" << int(Error::ConfigError);
         QTest::newRow("file name with blank") << "my app.tolmpkg" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("named like the index") << "index.json" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("named like the signature") << "Index.JSON.sig" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("named like a part file") << "a.tolmpkg.part" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("file name taken by another version") << "taken.tolmpkg" << "app" << "2.0" << int(Error::ConfigError);
         QTest::newRow("missing package") << "missing.tolmpkg" << "app" << "1.0" << int(Error::NotFound);
     }

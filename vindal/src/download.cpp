@@ -225,7 +225,14 @@ bool Download::acceptHeaders()
         m_refusal.outcome = Outcome::failure(Error::DownloadFailed, QStringLiteral("%1 answered with status %2").arg(url).arg(status), url);
         m_refusal.retryable = true;
     }
-    m_reply->abort();
+    // Qt reports an error status (a 404, say) itself, from its network
+    // thread; aborting the reply as well makes Qt print an internal warning
+    // when that report comes. The reply is dropped unread instead.
+    QNetworkReply *reply = m_reply;
+    m_reply = nullptr;
+    reply->disconnect(this);
+    reply->deleteLater();
+    failAttempt(m_refusal);
     return false;
 }
 

@@ -1,5 +1,7 @@
 #include "packageindex_p.h"
 
+#include "repositorylayout_p.h"
+
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -89,6 +91,8 @@ bool PackageIndex::parse(const QByteArray &json, QString *error)
             problem = QStringLiteral("no modelCode");
         else if (!isPlainFileName(entry.file))
             problem = QStringLiteral("file is not a plain file name");
+        else if (RepositoryLayout::isReservedFileName(entry.file))
+            problem = QStringLiteral("file takes a name of the repository layout");
         else if (entry.size < 0 || size.toDouble() != double(entry.size))
             problem = QStringLiteral("invalid size");
         else if (!isHex(entry.md5, 32))

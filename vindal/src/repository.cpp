@@ -104,6 +104,13 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
                                     .arg(fileName),
                                 packageFile);
     }
+    if (RepositoryLayout::isReservedFileName(fileName)) {
+        return Outcome::failure(Error::ConfigError,
+                                QStringLiteral("the package's file name \"%1\" is taken by the repository layout "
+                                               "(index.json, index.json.sig, *.part, *.part.json, *.verify); rename the package")
+                                    .arg(fileName),
+                                packageFile);
+    }
     QByteArray secretKey;
     // A key named but empty is a mistake, never a request to publish unsigned.
     if (!secretKeyFile.isNull() && secretKeyFile.trimmed().isEmpty())

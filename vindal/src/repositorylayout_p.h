@@ -26,6 +26,17 @@ inline QString signature(PackageIndex::Kind kind, const QString &module)
     return index(kind, module) + QLatin1String(".sig");
 }
 
+// Names no package file may take: the files of the layout beside it, and
+// the companions a client writes beside a downloaded package. Compared
+// without case, as Windows and macOS disks do.
+inline bool isReservedFileName(const QString &name)
+{
+    const QString lower = name.toLower();
+    return lower == QLatin1String("index.json") || lower == QLatin1String("index.json.sig")
+        || lower.endsWith(QLatin1String(".part")) || lower.endsWith(QLatin1String(".part.json"))
+        || lower.endsWith(QLatin1String(".verify"));
+}
+
 // Documents larger than this are not indexes; the client never reads more.
 // Parsing takes about seven times a document's size in memory, so this keeps
 // the worst a server can send within the client's 64 MiB (over 15,000
