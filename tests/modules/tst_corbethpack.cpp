@@ -28,11 +28,13 @@ private slots:
         QVERIFY(PackTool::makePackage(m_source, m_package));
         QVERIFY(PackTool::ok({"keygen"_s, m_work.filePath("right"_s)}));
         QVERIFY(PackTool::ok({"keygen"_s, m_work.filePath("wrong"_s)}));
-        // Module "app" 2.0.1 in two repositories: "unsigned", and "signed" with right.key.
+        // Module "app" 2.0.1 in two repositories: "unsigned", and "signed" with right.key and an expiry.
         const QStringList publish{"publish"_s, m_package, "--module"_s, "app"_s, "--version"_s, "2.0.1"_s, "--repo"_s};
         QVERIFY(PackTool::ok(publish + QStringList{m_work.filePath("unsigned"_s)}));
         QVERIFY(PackTool::ok(publish
-                             + QStringList{m_work.filePath("signed"_s), "--key"_s, m_work.filePath("right.key"_s)}));
+                             + QStringList{m_work.filePath("signed"_s), "--key"_s, m_work.filePath("right.key"_s),
+                                           "--expires"_s, "30"_s}));
+        QVERIFY(readFile(m_work.filePath("signed/modules/app/index.json"_s)).contains("\"expires\""));
 
         // For failures(): a package with one byte changed, a file that is no archive, an empty repository.
         const QString damaged = m_work.filePath("damaged.tolmpkg"_s);
@@ -218,6 +220,10 @@ private slots:
         QTest::newRow("fetch, package 404 over http")
             << QStringList{"fetch"_s, "--server"_s, "%gone"_s, "--module"_s, "app"_s, "-o"_s, "#"_s} << 1
             << "app.tolmpkg does not exist [NotFound]"_s;
+        QTest::newRow("publish, no expiry days")
+            << QStringList{"publish"_s, "p"_s, "--repo"_s, "r"_s, "--version"_s, "1"_s, "--module"_s, "m"_s,
+                           "--expires"_s, "0"_s}
+            << 2 << "--expires takes"_s;
         QTest::newRow("nothing") << QStringList() << 2 << "Usage:"_s;
         QTest::newRow("unknown command") << QStringList{"pack"_s} << 2 << "unknown command"_s;
         QTest::newRow("create without -o") << QStringList{"create"_s, "."_s} << 2 << "missing -o"_s;

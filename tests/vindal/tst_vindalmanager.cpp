@@ -79,7 +79,6 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        qputenv("VINDAL_STATE_FILE", QFile::encodeName(m_dir.filePath("state/vindal.json"_s)));
         m_haveNginx = m_nginx.load();
         m_source = m_dir.filePath("source"_s);
         QVERIFY(writeFile(m_source + "/bin/app"_s, "#!/bin/sh\n"));
@@ -95,6 +94,7 @@ private slots:
     void init()
     {
         // Every test starts without downloads and without a high-water mark.
+        qputenv("VINDAL_STATE_FILE", QFile::encodeName(m_dir.filePath("state/vindal.json"_s)));
         m_store = QDir(m_dir.filePath("store"_s));
         m_store.removeRecursively();
         QDir(m_dir.filePath("state"_s)).removeRecursively();
@@ -281,26 +281,64 @@ private slots:
         QCOMPARE(readFile(stored()), code == 0 ? readFile(m_package) : QByteArray());
     }
 
-    void downgradeProtection()
+    // The downgrade protection fails closed and is kept per repository: each
+    // row delivers 1.2 (first), then the repository offers only 1.0 (then).
+    void downgrade_data()
     {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<int>("first");
+        QTest::addColumn<int>("then");
+        QTest::newRow("older version") << "" << 0 << int(Error::DowngradeRefused);
+        QTest::newRow("another repository's mark") << "other repository" << 0 << 0;
+        QTest::newRow("corrupt state file") << "corrupt" << int(Error::StateFileError) << int(Error::StateFileError);
+        QTest::newRow("unwritable state file") << "unwritable" << int(Error::StateFileError) << int(Error::StateFileError);
+        QTest::newRow("expired index") << "expired" << int(Error::IndexExpired) << int(Error::IndexExpired);
+    }
+
+    void downgrade()
+    {
+        QFETCH(QString, fault);
+        QFETCH(int, first);
+        QFETCH(int, then);
+        QString state = m_dir.filePath("state/vindal.json"_s);
         const QString older = m_dir.filePath("app-1.0.tolmpkg"_s);
         QVERIFY(QFileInfo::exists(older) || QFile::copy(m_package, older));
         QVERIFY(publish());
+        const QString index = m_repo + "/modules/app/index.json"_s;
+        if (fault == "corrupt"_s)
+            QVERIFY(writeFile(state, "{\"marks\": {\"url:file:///elsewhere/\": {\"app\": \"3.0\""));
+        if (fault == "expired"_s) // unsigned here; signed, the expiry is covered by the signature
+            QVERIFY(writeFile(index, readFile(index).replace("\"format\"", "\"expires\": \"2020-01-01T00:00:00Z\", \"format\"")));
+        const QByteArray stateBefore = readFile(state);
+        if (fault == "unwritable"_s) { // a file stands where its folder should be, which stops root too
+            state = m_dir.filePath("blocker/vindal.json"_s);
+            QVERIFY(writeFile(m_dir.filePath("blocker"_s), "not a folder"));
+            qputenv("VINDAL_STATE_FILE", QFile::encodeName(state));
+        }
         Manager manager;
         QCOMPARE(configure(manager, fileUrl()), 0);
-        QCOMPARE(codeOf(download(manager)), 0);
+        const QVariantMap finished = download(manager);
+        QCOMPARE(codeOf(finished), first);
+        if (first == int(Error::StateFileError)) { // names the file, and no mark is lost
+            QVERIFY2(finished.value("errorMessage"_s).toString().contains(state), qPrintable(finished.value("errorMessage"_s).toString()));
+            QCOMPARE(readFile(state), stateBefore);
+        }
 
-        // The repository now offers only an older version.
+        // The repository (or, for one row, another one) now offers only an older version.
+        if (fault == "other repository"_s)
+            m_repo += "-other"_s;
         QDir(m_repo).removeRecursively();
         QVERIFY(Repository::publish(older, m_repo, Module, "1.0"_s));
+        if (fault == "expired"_s)
+            QVERIFY(writeFile(index, readFile(index).replace("\"format\"", "\"expires\": \"2020-01-01T00:00:00Z\", \"format\"")));
         QCOMPARE(configure(manager, fileUrl()), 0);
-        QCOMPARE(codeOf(download(manager)), int(Error::DowngradeRefused));
+        QCOMPARE(codeOf(download(manager)), then);
 
-        // A pinned version is what the product owner asked for.
+        // A pinned version is what the product owner asked for; it passes the
+        // mark, but not a state that cannot be kept or an expired index.
         VDBasicInfo pinned;
         pinned.version = "1.0"_s;
-        QCOMPARE(codeOf(finish(manager.downloadModule(Module, pinned))), 0);
-        QVERIFY(QFileInfo::exists(m_dir.filePath("state/vindal.json"_s)));
+        QCOMPARE(codeOf(finish(manager.downloadModule(Module, pinned))), then == int(Error::DowngradeRefused) ? 0 : then);
     }
 
     void abortAndResume()

@@ -30,8 +30,8 @@ const char *const kUsage =
     "\n"
     "Commands:\n"
     "  create <folder> -o <package> [--format zstd|zip|gzip|tar]\n"
-    "  publish <package> --repo <folder> --module <name> --version <v> [--key <secret-key-file>]\n"
-    "  publish <package> --repo <folder> --model-code <code> --version <v> [--key <secret-key-file>]\n"
+    "  publish <package> --repo <folder> --module <name> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
+    "  publish <package> --repo <folder> --model-code <code> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
     "  keygen <name>\n"
     "  verify <package> [--repo <folder> --module <name> [--version <v>] [--public-key <key>]]\n"
     "  extract <package> -C <folder>\n"
@@ -198,6 +198,9 @@ int publish(const QStringList &arguments)
     cl.addValue({QStringLiteral("version")}, QStringLiteral("The package's version."), QStringLiteral("v"));
     cl.addValue({QStringLiteral("key")}, QStringLiteral("Sign the index with this secret key file."),
                 QStringLiteral("secret-key-file"));
+    cl.addValue({QStringLiteral("expires")},
+                QStringLiteral("Clients refuse the index this many days from now, unless it is published again."),
+                QStringLiteral("days"));
     int code = ExitSuccess;
     if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("repo"), QStringLiteral("version")}, &code))
         return code;
@@ -210,10 +213,17 @@ int publish(const QStringList &arguments)
     const QString version = cl.value(QStringLiteral("version"));
     const QString key = cl.value(QStringLiteral("key"));
     const QString name = upgrade ? cl.value(QStringLiteral("model-code")) : cl.value(QStringLiteral("module"));
+    int expires = 0;
+    if (cl.isSet(QStringLiteral("expires"))) {
+        bool ok = false;
+        expires = cl.value(QStringLiteral("expires")).toInt(&ok);
+        if (!ok || expires < 1 || expires > 3650)
+            return cl.usage(QStringLiteral("--expires takes a number of days from 1 to 3650"));
+    }
     if (cl.isSet(QStringLiteral("key")) && key.trimmed().isEmpty())
         return fail(command, Vindal::Outcome::failure(Vindal::Error::ConfigError, QStringLiteral("--key is empty")));
-    const Vindal::Outcome outcome = upgrade ? Vindal::Repository::publishUpgrade(package, repo, name, version, key)
-                                            : Vindal::Repository::publish(package, repo, name, version, key);
+    const Vindal::Outcome outcome = upgrade ? Vindal::Repository::publishUpgrade(package, repo, name, version, key, expires)
+                                            : Vindal::Repository::publish(package, repo, name, version, key, expires);
     if (!outcome)
         return fail(command, outcome);
     printLine(stdout, QStringLiteral("published %1 as %2 %3%4")

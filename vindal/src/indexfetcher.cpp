@@ -105,6 +105,15 @@ void IndexFetcher::check(const QByteArray &document, const QByteArray &signature
                                            url.toString());
         return failed(refused);
     }
+    // A frozen mirror may serve an old, validly signed index for ever; the
+    // expiry signed into it ends that. Another mirror may be current.
+    if (index.isExpired()) {
+        refused.outcome = Outcome::failure(Error::IndexExpired,
+                                           QStringLiteral("%1 expired on %2; the repository (or this mirror) has not been published since")
+                                               .arg(url.toString(), index.expires().toUTC().toString(Qt::ISODate)),
+                                           url.toString());
+        return failed(refused);
+    }
     const Done done = m_done;
     done(Outcome::success(), index, m_plan.current());
 }

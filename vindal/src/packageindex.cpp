@@ -65,6 +65,14 @@ bool PackageIndex::parse(const QByteArray &json, QString *error)
         return false;
     }
     m_module = root.value(QStringLiteral("module")).toString();
+    m_expires = QDateTime();
+    if (root.contains(QStringLiteral("expires"))) {
+        m_expires = QDateTime::fromString(root.value(QStringLiteral("expires")).toString(), Qt::ISODate);
+        if (!m_expires.isValid()) {
+            *error = QStringLiteral("\"expires\" is not an ISO 8601 date and time");
+            return false;
+        }
+    }
     const QJsonValue list = root.value(listKey(m_kind));
     if (!list.isArray()) {
         *error = QStringLiteral("no \"%1\" list").arg(listKey(m_kind));
@@ -126,6 +134,8 @@ QByteArray PackageIndex::toJson() const
     root.insert(QStringLiteral("format"), FormatVersion);
     if (m_kind == Module)
         root.insert(QStringLiteral("module"), m_module);
+    if (m_expires.isValid())
+        root.insert(QStringLiteral("expires"), m_expires.toUTC().toString(Qt::ISODate));
     root.insert(listKey(m_kind), array);
     return QJsonDocument(root).toJson(QJsonDocument::Indented);
 }

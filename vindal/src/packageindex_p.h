@@ -2,6 +2,7 @@
 #define VINDAL_PACKAGEINDEX_P_H
 
 #include <QtCore/QByteArray>
+#include <QtCore/QDateTime>
 #include <QtCore/QList>
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
@@ -38,6 +39,11 @@ public:
     Kind kind() const { return m_kind; }
     QString module() const { return m_module; }
     void setModule(const QString &module) { m_module = module; }
+    // When the publisher's signature stops vouching for the document
+    // ("expires"); invalid when it never does.
+    QDateTime expires() const { return m_expires; }
+    void setExpires(const QDateTime &expires) { m_expires = expires; }
+    bool isExpired() const { return m_expires.isValid() && m_expires < QDateTime::currentDateTimeUtc(); }
     const QList<IndexEntry> &entries() const { return m_entries; }
 
     // The newest entry (by version order) of the model code (empty for
@@ -57,6 +63,7 @@ public:
 private:
     Kind m_kind;
     QString m_module;
+    QDateTime m_expires;
     QList<IndexEntry> m_entries;
 };
 

@@ -5,6 +5,7 @@
 #include "repositorylayout_p.h"
 #include "signature_p.h"
 
+#include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -14,6 +15,9 @@
 namespace Vindal {
 
 namespace {
+
+// Ten years: an expiry is meant to be renewed by publishing again.
+const int MaxExpiryDays = 3650;
 
 Outcome readFile(const QString &path, qint64 limit, QByteArray *bytes)
 {
@@ -91,10 +95,12 @@ Outcome readSecretKey(const QString &path, QByteArray *key)
 }
 
 Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const QString &repoFolder,
-                     const QString &name, const QString &version, const QString &secretKeyFile)
+                     const QString &name, const QString &version, const QString &secretKeyFile, int expiresInDays)
 {
     if (kind == PackageIndex::Module ? !Repository::isValidModuleName(name) : name.trimmed().isEmpty())
         return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid name").arg(name), name);
+    if (expiresInDays < 0 || expiresInDays > MaxExpiryDays)
+        return Outcome::failure(Error::ConfigError, QStringLiteral("the expiry must be 1 to %1 days, not %2").arg(MaxExpiryDays).arg(expiresInDays));
     if (!PackageIndex::isValidVersion(version))
         return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid version").arg(version), version);
     const QString fileName = QFileInfo(packageFile).fileName();
@@ -157,6 +163,8 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
     if (kind == PackageIndex::Module)
         index.setModule(name);
     index.upsert(entry);
+    // Each publication states its own expiry; none when it gives none.
+    index.setExpires(expiresInDays > 0 ? QDateTime::currentDateTimeUtc().addDays(expiresInDays) : QDateTime());
     const QByteArray json = index.toJson();
     const Outcome written = writeFile(indexPath, json);
     if (!written)
@@ -177,15 +185,15 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
 } // namespace
 
 Outcome Repository::publish(const QString &packageFile, const QString &repoFolder, const QString &module,
-                            const QString &version, const QString &secretKeyFile)
+                            const QString &version, const QString &secretKeyFile, int expiresInDays)
 {
-    return publishEntry(PackageIndex::Module, packageFile, repoFolder, module, version, secretKeyFile);
+    return publishEntry(PackageIndex::Module, packageFile, repoFolder, module, version, secretKeyFile, expiresInDays);
 }
 
 Outcome Repository::publishUpgrade(const QString &packageFile, const QString &repoFolder, const QString &modelCode,
-                                   const QString &softVersion, const QString &secretKeyFile)
+                                   const QString &softVersion, const QString &secretKeyFile, int expiresInDays)
 {
-    return publishEntry(PackageIndex::Upgrades, packageFile, repoFolder, modelCode, softVersion, secretKeyFile);
+    return publishEntry(PackageIndex::Upgrades, packageFile, repoFolder, modelCode, softVersion, secretKeyFile, expiresInDays);
 }
 
 Outcome Repository::verifyPackage(const QString &packageFile, const QString &repoFolder, const QString &module,
@@ -216,6 +224,10 @@ Outcome Repository::verifyPackage(const QString &packageFile, const QString &rep
     QString error;
     if (!index.parse(bytes, &error))
         return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is not a valid index: %2").arg(indexPath, error), indexPath);
+    if (index.isExpired())
+        return Outcome::failure(Error::IndexExpired,
+                                QStringLiteral("\"%1\" expired on %2; publish again").arg(indexPath, index.expires().toUTC().toString(Qt::ISODate)),
+                                indexPath);
     const IndexEntry *entry = version.isEmpty() ? index.newest() : index.find(version);
     if (!entry)
         return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version %2").arg(module, version.isEmpty() ? QStringLiteral("at all") : version));

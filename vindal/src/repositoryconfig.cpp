@@ -173,6 +173,16 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
     return true;
 }
 
+QString RepositoryConfig::identity() const
+{
+    // Marks follow the key: mirrors and a moved repository signed with it
+    // share them, while an unsigned repository or another key cannot raise
+    // them and lock the real one out.
+    if (!publicKey.isEmpty())
+        return QLatin1String("key:") + QString::fromLatin1(publicKey.toBase64());
+    return QLatin1String("url:") + bases.first().adjusted(QUrl::RemoveUserInfo).toString();
+}
+
 QString RepositoryConfig::defaultStoragePath()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) + QLatin1String("/vindal/downloads");

@@ -33,6 +33,9 @@ struct RepositoryConfig
     ExtractLimits limits;
 
     bool isValid() const { return !bases.isEmpty(); }
+    // Who the repository is, for the downgrade marks: its public key when one
+    // is configured, its base URL otherwise.
+    QString identity() const;
     static bool parse(const QVariantMap &map, RepositoryConfig *config, QString *error);
     // Where downloads go when no temporary storage path is configured.
     static QString defaultStoragePath();

@@ -118,9 +118,14 @@ Outcome RepositoryRequest::select(const PackageIndex &index, const IndexEntry **
             return Outcome::failure(m_target.kind == PackageIndex::Module ? Error::NotFound : Error::NoUpgrade,
                                     QStringLiteral("%1 has no version in the repository").arg(what));
     }
-    if (m_target.kind == PackageIndex::Module && !m_target.pinned) {
-        const QString highest = StateStore::highWater(m_target.name);
-        if (!highest.isEmpty() && PackageIndex::compareVersions((*entry)->version, highest) < 0) {
+    if (m_target.kind == PackageIndex::Module) {
+        // Pinned or not, a state file that cannot be read stops the download
+        // before it starts: its mark could not be raised afterwards.
+        QString highest;
+        const Outcome read = StateStore::highWater(m_config.identity(), m_target.name, &highest);
+        if (!read)
+            return read;
+        if (!m_target.pinned && !highest.isEmpty() && PackageIndex::compareVersions((*entry)->version, highest) < 0) {
             return Outcome::failure(Error::DowngradeRefused,
                                     QStringLiteral("%1 offers %2, older than %3 delivered before; pin the version to go back")
                                         .arg(what, (*entry)->version, highest));
@@ -165,8 +170,11 @@ void RepositoryRequest::downloaded(const Outcome &outcome, const QVariantMap &in
             return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(verify.fileName(), verify.errorString()),
                                            verify.fileName()));
     }
-    if (m_target.kind == PackageIndex::Module)
-        StateStore::raise(m_target.name, info.value(QStringLiteral("version")).toString());
+    if (m_target.kind == PackageIndex::Module) {
+        const Outcome raised = StateStore::raise(m_config.identity(), m_target.name, info.value(QStringLiteral("version")).toString());
+        if (!raised)
+            return finish(raised, QVariantMap{{QStringLiteral("subject"), raised.subject}});
+    }
     QVariantMap result = m_target.extra;
     for (auto it = info.cbegin(); it != info.cend(); ++it)
         result.insert(it.key(), it.value());

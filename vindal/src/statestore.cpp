@@ -19,14 +19,56 @@ namespace {
 
 QMutex s_mutex; // several managers of one process share the file
 
-const QString HighWaterKey = QStringLiteral("highWater");
+// { "marks": { "<repository identity>": { "<module>": "<version>" } } }.
+// Other keys (marks of earlier versions, keyed by module alone) are kept
+// as they are.
+const QString MarksKey = QStringLiteral("marks");
+const qint64 MaxStateBytes = 4 * 1024 * 1024;
 
-QJsonObject load()
+Outcome damaged(const QString &file, const QString &why)
 {
-    QFile file(StateStore::path());
+    return Outcome::failure(Error::StateFileError,
+                            QStringLiteral("the state file \"%1\" %2; the downgrade protection cannot work without it "
+                                           "(removing the file forgets every mark)")
+                                .arg(file, why),
+                            file);
+}
+
+bool isMarks(const QJsonValue &marks)
+{
+    if (!marks.isObject())
+        return false;
+    for (const QJsonValue &repository : marks.toObject()) {
+        if (!repository.isObject())
+            return false;
+        for (const QJsonValue &version : repository.toObject()) {
+            if (!version.isString())
+                return false;
+        }
+    }
+    return true;
+}
+
+Outcome load(QJsonObject *root)
+{
+    const QString path = StateStore::path();
+    *root = QJsonObject();
+    QFile file(path);
+    if (!file.exists())
+        return Outcome::success();
     if (!file.open(QIODevice::ReadOnly))
-        return QJsonObject();
-    return QJsonDocument::fromJson(file.read(1 << 20)).object();
+        return damaged(path, QStringLiteral("cannot be read (%1)").arg(file.errorString()));
+    if (file.size() > MaxStateBytes)
+        return damaged(path, QStringLiteral("is larger than %1 bytes").arg(MaxStateBytes));
+    QJsonParseError error;
+    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll(), &error);
+    if (!doc.isObject())
+        return damaged(path, QStringLiteral("is damaged (%1)").arg(error.error != QJsonParseError::NoError ? error.errorString()
+                                                                                                          : QStringLiteral("not a JSON object")));
+    *root = doc.object();
+    if (root->contains(MarksKey) && !isMarks(root->value(MarksKey)))
+        return damaged(path, QStringLiteral("is damaged (\"%1\" is not a map of repositories to versions)").arg(MarksKey));
+    return Outcome::success();
 }
 
 } // namespace
@@ -39,31 +81,37 @@ QString StateStore::path()
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QLatin1String("/vindal/state.json");
 }
 
-QString StateStore::highWater(const QString &module)
+Outcome StateStore::highWater(const QString &repository, const QString &module, QString *version)
 {
     QMutexLocker lock(&s_mutex);
-    return load().value(HighWaterKey).toObject().value(module).toString();
+    QJsonObject root;
+    const Outcome loaded = load(&root);
+    *version = root.value(MarksKey).toObject().value(repository).toObject().value(module).toString();
+    return loaded;
 }
 
-bool StateStore::raise(const QString &module, const QString &version)
+Outcome StateStore::raise(const QString &repository, const QString &module, const QString &version)
 {
     QMutexLocker lock(&s_mutex);
-    QJsonObject root = load();
-    QJsonObject marks = root.value(HighWaterKey).toObject();
-    const QString current = marks.value(module).toString();
+    QJsonObject root;
+    const Outcome loaded = load(&root);
+    if (!loaded)
+        return loaded;
+    QJsonObject marks = root.value(MarksKey).toObject();
+    QJsonObject modules = marks.value(repository).toObject();
+    const QString current = modules.value(module).toString();
     if (!current.isEmpty() && PackageIndex::compareVersions(version, current) <= 0)
-        return true;
-    marks.insert(module, version);
-    root.insert(HighWaterKey, marks);
+        return Outcome::success();
+    modules.insert(module, version);
+    marks.insert(repository, modules);
+    root.insert(MarksKey, marks);
 
     const QString file = path();
     QDir().mkpath(QFileInfo(file).absolutePath());
     QSaveFile save(file);
-    if (!save.open(QIODevice::WriteOnly) || save.write(QJsonDocument(root).toJson()) < 0 || !save.commit()) {
-        qCWarning(lcVindal) << "cannot write the state file" << file << save.errorString();
-        return false;
-    }
-    return true;
+    if (!save.open(QIODevice::WriteOnly) || save.write(QJsonDocument(root).toJson()) < 0 || !save.commit())
+        return damaged(file, QStringLiteral("cannot be written (%1), so the mark of %2 %3 would be lost").arg(save.errorString(), module, version));
+    return Outcome::success();
 }
 
 } // namespace Vindal

@@ -1,22 +1,29 @@
 #ifndef VINDAL_STATESTORE_P_H
 #define VINDAL_STATESTORE_P_H
 
+#include <vindal/outcome.h>
+
 #include <QtCore/QString>
 
 namespace Vindal {
 
-// The client's own small persistent state: per module the highest version it
-// has delivered (the downgrade protection's high-water mark). One JSON file,
-// by default "vindal/state.json" under the user's data folder; the
-// environment variable VINDAL_STATE_FILE names another file.
+// The client's own small persistent state: per repository and module the
+// highest version it has delivered (the downgrade protection's high-water
+// mark). One JSON file, by default "vindal/state.json" under the user's data
+// folder; the environment variable VINDAL_STATE_FILE names another file.
+//
+// The protection fails closed: a file that exists but cannot be read or is
+// damaged is an error (StateFileError naming the file), never an empty
+// state, and it is never overwritten, so no mark is lost.
 class StateStore
 {
 public:
     static QString path();
-    static QString highWater(const QString &module);
-    // Raises the mark to version when that is higher; false when the file
-    // cannot be written.
-    static bool raise(const QString &module, const QString &version);
+    // The mark of module in the repository of that identity; empty when
+    // there is none.
+    static Outcome highWater(const QString &repository, const QString &module, QString *version);
+    // Raises the mark to version when that is higher.
+    static Outcome raise(const QString &repository, const QString &module, const QString &version);
 };
 
 } // namespace Vindal

@@ -28,6 +28,8 @@ enum ErrorCode : int {
     NoReply = 0x507200C,            // no reply object was produced
     DowngradeRefused = 0x507200D,   // older than a version installed before, and not pinned
     InvalidIndex = 0x507200E,       // an index or upgrades document is malformed
+    StateFileError = 0x507200F,     // the client's state file (downgrade marks) cannot be read or written
+    IndexExpired = 0x5072010,       // the index is past the expiry its publisher signed into it
 };
 Q_ENUM_NS(ErrorCode)
 

@@ -23,14 +23,18 @@ public:
     // version in the module's index, which is written atomically. With a
     // secret key file the index is signed, otherwise an old signature is
     // removed (it would no longer match). A key file name that is given but
-    // empty is refused (ConfigError), never taken as "unsigned".
+    // empty is refused (ConfigError), never taken as "unsigned". With
+    // expiresInDays (1 to 3650) the index carries an expiry ("expires"),
+    // signed with it, after which clients refuse it (IndexExpired); each
+    // publication sets its own, and none when it is 0.
     static Outcome publish(const QString &packageFile, const QString &repoFolder, const QString &module,
-                           const QString &version, const QString &secretKeyFile = QString());
+                           const QString &version, const QString &secretKeyFile = QString(), int expiresInDays = 0);
 
     // The same for an installer package in the upgrades document, listed
     // under modelCode with softVersion.
     static Outcome publishUpgrade(const QString &packageFile, const QString &repoFolder, const QString &modelCode,
-                                  const QString &softVersion, const QString &secretKeyFile = QString());
+                                  const QString &softVersion, const QString &secretKeyFile = QString(),
+                                  int expiresInDays = 0);
 
     // Checks packageFile against the module's index entry for version (the
     // newest version when empty): size, MD5 and SHA-256; with a public key
