@@ -18,6 +18,7 @@
 //   twoclients  the first request gets half the file and the rest 2 s
 //            later, so that a second client can come in between; later
 //            requests are ok
+//   hang     no answer at all, not even to documents
 // Each request line (and its Range header) goes to standard error before the
 // answer. The server quits when its standard input closes.
 
@@ -53,6 +54,8 @@ void serve(QTcpSocket *socket, const QByteArray &path, const QByteArray &range)
     QFile file(QDir(root).filePath(QString::fromUtf8(relative)));
     if (slash < 0 || relative.contains("..") || !file.open(QIODevice::ReadOnly)) // with a page, as real servers send
         return reply(socket, "404 Not Found", "Content-Type: text/html\r\n", "<html><body>404 Not Found</body></html>\n");
+    if (fault == "hang")
+        return;
     QByteArray content = file.readAll();
     const QByteArray length = QByteArray::number(content.size());
     const bool document = relative.endsWith(".json") || relative.endsWith(".sig");

@@ -246,6 +246,8 @@ private slots:
                      faults.log().constData());
         if (afterDrop && code != 0) // a connection closed before any answer leaves the part file as it is
             QCOMPARE(QFileInfo(stored(".part"_s)).size(), part);
+        if (!afterDrop && !server.startsWith("https"_s)) // the index of the configuration served the download too
+            QCOMPARE(faults.log().count("/index.json\n"), 1);
     }
 
     void signatures_data()
@@ -498,6 +500,17 @@ private slots:
         QCOMPARE(configure(manager, QUrl::fromLocalFile(m_dir.filePath("nowhere"_s)).toString()), 0);
         QCOMPARE(manager.packageInfo(), QVariantMap());
         QCOMPARE(codeOf(download(manager)), int(Error::NotFound));
+
+        // A server that never answers holds the configuration up only briefly,
+        // whatever the stall time-out of downloads.
+        FaultServer faults;
+        QVERIFY(faults.start(m_repo));
+        QElapsedTimer timer;
+        timer.start();
+        const QVariantMap finished = finish(manager.setConfigData(config(faults.url("hang"_s), {{"stallTimeout"_s, 60}})), 30000);
+        QCOMPARE(codeOf(finished), 0);
+        QVERIFY(finished.value("result"_s).toMap().contains("resolveError"_s));
+        QVERIFY2(timer.elapsed() < 12000, qPrintable(QString::number(timer.elapsed())));
     }
 };
 

@@ -79,7 +79,7 @@ Reply *ManagerPrivate::request(RepositoryRequest::Mode mode, const RepositoryReq
                                               QMutexLocker lock(&m_mutex);
                                               m_packageInfo = info;
                                           },
-                                          m_requests);
+                                          m_indexCache, m_requests);
     // Started from the event loop, so that the caller connects first.
     QMetaObject::invokeMethod(request, [request] { request->start(); }, Qt::QueuedConnection);
     return reply;
@@ -155,6 +155,7 @@ Reply *Manager::setConfigData(const QVariantMap &config)
         return d->refuse(Error::ConfigError, QStringLiteral("unusable configuration: %1").arg(error));
     d->m_config = parsed;
     d->m_configured = true;
+    d->m_indexCache->clear();
     {
         QMutexLocker lock(&d->m_mutex);
         d->m_limits = parsed.limits;

@@ -3,6 +3,7 @@
 
 #include <vindal/manager.h>
 
+#include "indexcache_p.h"
 #include "repositoryconfig_p.h"
 #include "repositoryrequest_p.h"
 
@@ -40,6 +41,7 @@ public:
     QNetworkAccessManager *m_network = nullptr;
     RepositoryConfig m_config;                 // used on the manager's thread only
     bool m_configured = false;
+    std::shared_ptr<IndexCache> m_indexCache = std::make_shared<IndexCache>(); // manager's thread only
 
     mutable QMutex m_mutex;                    // guards what other threads read
     QVariantMap m_packageInfo;

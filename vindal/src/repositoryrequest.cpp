@@ -1,6 +1,7 @@
 #include "repositoryrequest_p.h"
 
 #include "download_p.h"
+#include "indexcache_p.h"
 #include "indexfetcher_p.h"
 #include "logging_p.h"
 #include "reply_p.h"
@@ -9,14 +10,25 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QSaveFile>
+#include <QtCore/QTimer>
 
 #include <algorithm>
 
 namespace Vindal {
 
+namespace {
+
+// Resolving at configuration time holds up the engine, which waits for it:
+// each attempt gives up after this much silence, the whole resolution after
+// the deadline. The download reports a failure later, with the full time-outs.
+const int ResolveStallMs = 5000;
+const int ResolveDeadlineMs = 10000;
+
+} // namespace
+
 RepositoryRequest::RepositoryRequest(Mode mode, QNetworkAccessManager *network, const RepositoryConfig &config,
                                      const Target &target, const std::shared_ptr<ReplyChannel> &channel, Resolved resolved,
-                                     QObject *parent)
+                                     const std::shared_ptr<IndexCache> &cache, QObject *parent)
     : QObject(parent)
     , m_mode(mode)
     , m_network(network)
@@ -24,6 +36,7 @@ RepositoryRequest::RepositoryRequest(Mode mode, QNetworkAccessManager *network, 
     , m_target(target)
     , m_channel(channel)
     , m_resolved(std::move(resolved))
+    , m_cache(cache)
 {
     // The handler runs under the reply's lock and only posts: the request
     // itself stops on its own thread.
@@ -42,10 +55,30 @@ RepositoryRequest::~RepositoryRequest()
 
 void RepositoryRequest::start()
 {
-    // Resolving at configuration time must not hold up the caller for long:
-    // one pass over the URLs, no retries.
-    const int retries = m_mode == Resolve ? 0 : m_config.retries;
-    auto *fetcher = new IndexFetcher(m_network, m_config, m_target.kind, m_target.kind == PackageIndex::Module ? m_target.name : QString(),
+    if (m_mode == Fetch && m_target.kind == PackageIndex::Module) {
+        PackageIndex index;
+        int base = 0;
+        if (m_cache->find(m_target.name, &index, &base)) {
+            qCDebug(lcVindal) << "reusing the index of" << m_target.name;
+            return indexed(Outcome::success(), index, base);
+        }
+    }
+    RepositoryConfig config = m_config;
+    int retries = m_config.retries;
+    if (m_mode == Resolve) {
+        // One pass over the URLs, no retries, short time-outs.
+        retries = 0;
+        config.stallTimeoutMs = qMin(config.stallTimeoutMs, ResolveStallMs);
+        QTimer::singleShot(ResolveDeadlineMs, this, [this] {
+            if (!m_job)
+                return; // resolved already
+            delete m_job; // stops the fetch; its callback never comes
+            m_job = nullptr;
+            indexed(Outcome::failure(Error::Timeout, QStringLiteral("the repository did not answer within %1 s").arg(ResolveDeadlineMs / 1000)),
+                    PackageIndex(m_target.kind), -1);
+        });
+    }
+    auto *fetcher = new IndexFetcher(m_network, config, m_target.kind, m_target.kind == PackageIndex::Module ? m_target.name : QString(),
                                      retries,
                                      [this](const Outcome &outcome, const PackageIndex &index, int base) { indexed(outcome, index, base); },
                                      this);
@@ -70,6 +103,8 @@ void RepositoryRequest::indexed(const Outcome &outcome, const PackageIndex &inde
     }
     if (m_mode == ListUpgrades)
         return listUpgrades(index);
+    if (m_target.kind == PackageIndex::Module)
+        m_cache->store(m_target.name, index, base);
 
     const IndexEntry *entry = nullptr;
     const Outcome selected = select(index, &entry);
@@ -158,8 +193,10 @@ void RepositoryRequest::downloaded(const Outcome &outcome, const QVariantMap &in
         m_job->deleteLater();
         m_job = nullptr;
     }
-    if (!outcome)
+    if (!outcome) {
+        m_cache->clear(); // the next attempt asks the repository again
         return finish(outcome, QVariantMap{{QStringLiteral("subject"), outcome.subject}});
+    }
     const QString path = info.value(QStringLiteral("path")).toString();
     if (m_target.writeVerifyFile) {
         // The digest was just checked against the index; no need to read

@@ -15,6 +15,7 @@ class QNetworkAccessManager;
 
 namespace Vindal {
 
+class IndexCache;
 class ReplyChannel;
 
 // One request of the manager that talks to the repository: resolving the
@@ -49,8 +50,11 @@ public:
     // Called with the package's description whenever one is resolved.
     using Resolved = std::function<void(const QVariantMap &packageInfo)>;
 
+    // cache: the manager's last module index, reused when fresh and kept up
+    // to date.
     RepositoryRequest(Mode mode, QNetworkAccessManager *network, const RepositoryConfig &config, const Target &target,
-                      const std::shared_ptr<ReplyChannel> &channel, Resolved resolved, QObject *parent);
+                      const std::shared_ptr<ReplyChannel> &channel, Resolved resolved,
+                      const std::shared_ptr<IndexCache> &cache, QObject *parent);
     ~RepositoryRequest() override;
 
     void start();
@@ -69,6 +73,7 @@ private:
     Target m_target;
     std::shared_ptr<ReplyChannel> m_channel;
     Resolved m_resolved;
+    std::shared_ptr<IndexCache> m_cache;
     QObject *m_job = nullptr;
 };
 
