@@ -26,6 +26,10 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
 cmake --build "$build" --target corbeth_fuzzers
 
 out=$build/fuzz
+# halt_on_error for the undefined-behaviour checks as well; the leak
+# suppressions name only what is Qt's own (see the file).
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$PWD/fuzz/lsan.supp}
 run() {
     local target=$1
     mkdir -p "$out/found/$target" "$out/crashes/$target"
