@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds everything and runs every test.
 # Under CI (CI=true, as CI starts .ci/run) it goes on with the checks that
-# take their own build trees (docs/testing.md): the whole suite under
-# AddressSanitizer and UndefinedBehaviorSanitizer, every fuzz target for 60 s,
-# and the ThreadSanitizer tests when the run has time left for them.
+# take build trees of their own (docs/testing.md): the whole suite under
+# AddressSanitizer and UndefinedBehaviorSanitizer, and every fuzz target for
+# 60 s.
 # Usage: scripts/test.sh [ctest arguments...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -24,10 +24,6 @@ stage() {
 echo "== normal tree: $SECONDS s"
 stage scripts/sanitize.sh "$@"
 stage bench/fuzz.sh 60
-# The run must end within 40 minutes; the ThreadSanitizer tree is built and
-# run in about 12 of them on two cores.
-if [ $SECONDS -le $(((40 - 12) * 60)) ]; then
-    stage scripts/tsan.sh
-else
-    echo "== scripts/tsan.sh skipped: $((SECONDS / 60)) min gone, not enough left of the 40"
-fi
+# scripts/tsan.sh is not run here: with Debian's uninstrumented Qt,
+# ThreadSanitizer cannot see Qt's own locking and reports every queued call
+# as a race (docs/testing.md).
