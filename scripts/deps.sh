@@ -10,6 +10,9 @@ packages=(
     nginx-light openssl
     libarchive-tools zstd curl
     g++-mingw-w64-x86-64-posix wine64
+    # The fuzz targets: clang with libFuzzer and its sanitizer runtimes (GCC's
+    # own runtimes for the sanitizer builds come with build-essential).
+    clang libclang-rt-dev
 )
 
 missing=()

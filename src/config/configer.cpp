@@ -31,12 +31,15 @@ bool strToEnum(const QMetaEnum &metaEnum, const QString &name, int &out)
     return found;
 }
 
+// A refused word leaves out as it was: -1 is no value of these enumerations,
+// and storing it in one is undefined.
 template<typename Enum>
 bool convert(const QMetaEnum &metaEnum, const QString &name, Enum &out)
 {
     int value = -1;
     const bool found = strToEnum(metaEnum, name, value);
-    out = static_cast<Enum>(value);
+    if (found)
+        out = static_cast<Enum>(value);
     return found;
 }
 

@@ -4,6 +4,7 @@
 #include "config/configer.h"
 #include "manager/ptrmanager.h"
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
 #include <QtCore/QMutexLocker>
 #include <QtCore/QScopeGuard>
@@ -18,7 +19,7 @@ const int kUpgradeLimit = 10;
 
 Vindaler::Vindaler(QObject *parent)
     : QObject(parent)
-    , m_manager(new Vindal::Manager(nullptr), &QObject::deleteLater)
+    , m_manager(new Vindal::Manager(nullptr))
 {
     m_thread.setObjectName(QStringLiteral("Vindaler"));
     m_manager->moveToThread(&m_thread);
@@ -27,10 +28,20 @@ Vindaler::Vindaler(QObject *parent)
 
 Vindaler::~Vindaler()
 {
-    // The pointer goes first: its deleteLater must reach a thread that still
-    // runs, and a stopping thread deletes what is queued for deletion before
-    // it ends. Dropped after wait() the manager would never be destroyed.
-    m_manager.reset();
+    // The manager is deleted on its own thread while that thread still runs,
+    // and so are the replies it cancels on its way out, which their listeners
+    // delete later: what is queued for deletion while a thread ends is never
+    // deleted, and the replies leaked.
+    // The call needs an object of that thread other than the manager, which
+    // the call deletes; it comes back here to be destroyed on its own thread.
+    QObject context;
+    context.moveToThread(&m_thread);
+    QThread *const here = QThread::currentThread();
+    QMetaObject::invokeMethod(&context, [this, &context, here] {
+        m_manager.reset();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        context.moveToThread(here);
+    }, Qt::BlockingQueuedConnection);
     m_thread.quit();
     m_thread.wait();
 }

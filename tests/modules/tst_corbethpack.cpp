@@ -126,7 +126,7 @@ private slots:
     void slowDiskKeepsMemoryBounded()
     {
 #ifndef VINDAL_SLOWDISK
-        QSKIP("the slow disk shim is built on Linux only");
+        QSKIP("the slow disk shim is built on Linux only, without sanitizers");
 #else
         QTemporaryDir dir;
         const QString big = dir.filePath("big.tolmpkg"_s);
@@ -158,7 +158,7 @@ private slots:
     void largeIndexKeepsMemoryBounded()
     {
 #ifndef VINDAL_SLOWDISK
-        QSKIP("the peak memory report comes with the slow disk shim, built on Linux only");
+        QSKIP("the peak memory report comes with the slow disk shim, built on Linux only, without sanitizers");
 #else
         QTemporaryDir dir;
         QJsonArray versions;

@@ -104,6 +104,7 @@ private slots:
             QVERIFY(reply);
             QVariant result;
             QCOMPARE(vindaler.waitReply(reply, result), Vindal::Error::ConfigError);
+            reply->deleteLater(); // refused at once: still ours
         }
         QCOMPARE(vindaler.downloadOfflineModule("app"_s), nullptr);
         QCOMPARE(vindaler.downloadModule("app"_s), nullptr);

@@ -88,7 +88,9 @@ bool PackageIndex::parse(const QByteArray &json, QString *error)
             entry.modelCode = object.take(QStringLiteral("modelCode")).toString();
         entry.file = object.take(QStringLiteral("file")).toString();
         const QJsonValue size = object.take(QStringLiteral("size"));
-        entry.size = size.isDouble() ? qint64(size.toDouble()) : -1;
+        // Converting a double beyond qint64 is undefined: such a size is invalid.
+        const double sizeValue = size.toDouble(-1);
+        entry.size = sizeValue >= 0 && sizeValue < 9223372036854775808.0 ? qint64(sizeValue) : -1;
         entry.md5 = object.take(QStringLiteral("md5")).toString();
         entry.sha256 = object.take(QStringLiteral("sha256")).toString();
         entry.extra = object.toVariantMap();
