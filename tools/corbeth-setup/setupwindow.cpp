@@ -403,12 +403,12 @@ void SetupWindow::showPage(QWidget *page)
     updateButtons();
     // The first control of the page takes the focus, so Tab and Space work at once.
     QWidget *first = page->nextInFocusChain();
-    if (page == m_errorPage)
-        m_retry->setFocus();
-    else if (first && page->isAncestorOf(first) && first->focusPolicy() & Qt::TabFocus && !qobject_cast<QLabel *>(first))
-        first->setFocus();
+    while (first && page->isAncestorOf(first) && !(first->isEnabled() && first->focusPolicy() & Qt::TabFocus))
+        first = first->nextInFocusChain();
+    if (first && page->isAncestorOf(first))
+        first->setFocus(Qt::TabFocusReason);
     else
-        m_next->setFocus();
+        m_next->setFocus(Qt::TabFocusReason);
 }
 
 void SetupWindow::updateButtons()
