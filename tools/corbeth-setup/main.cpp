@@ -145,5 +145,7 @@ int main(int argc, char *argv[])
     if (code != CBEnum::EC_NoError)
         window.showFailure(code);
     window.show();
-    return window.exec() == QDialog::Accepted ? CorbethExit::Success : CorbethExit::Cancelled;
+    if (window.exec() == QDialog::Accepted)
+        return CorbethExit::Success;
+    return window.lastError() != CBEnum::EC_NoError ? CorbethExit::fromError(window.lastError()) : CorbethExit::Cancelled;
 }

@@ -539,6 +539,7 @@ bool SetupWindow::checkFolder()
 
 void SetupWindow::startTask()
 {
+    m_lastError = CBEnum::EC_NoError;
     m_bar->setValue(0);
     m_stage->setText(tr("Preparing\u2026"));
     m_transfer->clear();
@@ -561,6 +562,7 @@ void SetupWindow::startTask()
 
 void SetupWindow::showFailure(CBEnum::ErrorCode code)
 {
+    m_lastError = code;
     m_errorText->setText(sentenceFor(code));
     m_errorKey->setText(tr("Error code: %1 (0x%2)").arg(keyName(code)).arg(quint32(code), 0, 16));
     showPage(m_errorPage);

@@ -35,6 +35,8 @@ public:
     // Shows the error page for a failure found before any page was used.
     void showFailure(CBEnum::ErrorCode code);
     QString installFolder() const;
+    // The error the window last showed; EC_NoError after a cancellation or success.
+    CBEnum::ErrorCode lastError() const { return m_lastError; }
 
 public slots:
     void bringToFront();
@@ -71,6 +73,7 @@ private:
     SetupOptions m_options;
     QString m_package;
     QList<QWidget *> m_flow;
+    CBEnum::ErrorCode m_lastError = CBEnum::EC_NoError;
 
     QLabel *m_title = nullptr;
     QLabel *m_subtitle = nullptr;
