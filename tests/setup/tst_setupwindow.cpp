@@ -46,6 +46,7 @@ const char kProduct[] = R"({
     "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Demo": {"installPath": "${installPath}"}},
     "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Demo", "key": "installPath"}}
   },
+  "update": {"coverFiles": [{"src": "${installPath}/data/sample.txt", "dest": "${installPath}/updated.txt"}]},
   "uninstall": {
     "removeFiles": ["${installPath}/bin", "${installPath}/data", "${installPath}/sample.txt", "%2/links/Demo.lnk"],
     "removeSettings": ["HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Demo"]
@@ -384,6 +385,25 @@ private slots:
             QVERIFY(QFileInfo::exists(run.filePath("inst/"_s + installed)));
         else
             QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
+    }
+
+    // Install, then the update finds the folder in the settings store,
+    // downloads the package again and runs the update operation.
+    void silentUpdate()
+    {
+        SettingsSandbox store;
+        QTemporaryDir run;
+        const QString config = configFile(m_repository);
+        const auto setup = [&](const QStringList &arguments) {
+            return QProcess::execute(QStringLiteral(CORBETH_SETUP_PROGRAM),
+                                     QStringList{"--silent"_s, "--config"_s, config, "--from"_s, run.path()} + arguments);
+        };
+        QCOMPARE(setup({"--path"_s, run.filePath("inst"_s)}), 0);
+        QVERIFY(!QFileInfo::exists(run.filePath("inst/updated.txt"_s)));
+        QCOMPARE(setup({"--update"_s}), 0);
+        QCOMPARE(readFile(run.filePath("inst/updated.txt"_s)), QByteArray("sample"));
+        QCOMPARE(setup({"--uninstall"_s}), 0);
+        QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
     }
 };
 

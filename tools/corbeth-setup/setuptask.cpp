@@ -86,9 +86,9 @@ void SetupTask::run()
         enter(RunUninstall);
         const bool ok = m_manager->uninstallPackage(QStringLiteral("uninstall"));
         if (m_state == Cancelling)
-            finish(Done);
+            finish();
         else if (m_state == Running)
-            ok ? finish(Done) : finish(Done, CBEnum::EC_UnknownError);
+            finish(ok ? CBEnum::EC_NoError : CBEnum::EC_UnknownError);
         break;
     }
     }
@@ -155,20 +155,20 @@ void SetupTask::onStatus(uint status)
 void SetupTask::onError(CBEnum::ErrorCode code)
 {
     if (m_state == Cancelling) {
-        finish(Done);
+        finish();
         return;
     }
     if (m_state != Running)
         return;
     // The engine stays parked on its failed step until it is released.
     QTimer::singleShot(0, m_manager, [manager = m_manager] { manager->revocateInstall(); });
-    finish(Done, code);
+    finish(code);
 }
 
 void SetupTask::onFinished()
 {
     if (m_state == Cancelling && m_phase != RunUninstall && m_phase != RunUpdate) {
-        finish(Done);
+        finish();
         return;
     }
     if (m_state != Running)
@@ -178,16 +178,16 @@ void SetupTask::onFinished()
         // The package copy in the install folder is only worth keeping for a
         // retry; a finished product does not need it.
         m_manager->removeUpdateDir();
-        finish(Done);
+        finish();
         break;
     case OfflineInstall:
-        finish(Done);
+        finish();
         break;
     case Download: {
         CBEnum::ErrorCode error = CBEnum::EC_NoError;
         const QString found = findPackage(m_downloadDir->path(), error);
         if (found.isEmpty()) {
-            finish(Done, error == CBEnum::EC_NoError ? CBEnum::EC_FileNotOpen : error);
+            finish(error == CBEnum::EC_NoError ? CBEnum::EC_FileNotOpen : error);
             return;
         }
         unpackUpdate(found);
@@ -201,9 +201,9 @@ void SetupTask::onFinished()
                 return;
             const bool ok = m_manager->installPackage();
             if (m_state == Cancelling)
-                finish(Done);
+                finish();
             else if (m_state == Running)
-                ok ? finish(Done) : finish(Done, CBEnum::EC_UnknownError);
+                finish(ok ? CBEnum::EC_NoError : CBEnum::EC_UnknownError);
         });
         break;
     case RunUpdate:
@@ -213,10 +213,10 @@ void SetupTask::onFinished()
     }
 }
 
-void SetupTask::finish(State how, CBEnum::ErrorCode code)
+void SetupTask::finish(CBEnum::ErrorCode code)
 {
     const State was = m_state;
-    m_state = how;
+    m_state = Done;
     m_phase = None;
     m_downloadDir.reset();
     if (was == Cancelling) {

@@ -56,7 +56,7 @@ private:
     void onError(CBEnum::ErrorCode code);
     void onFinished();
     void unpackUpdate(const QString &package);
-    void finish(State how, CBEnum::ErrorCode code = CBEnum::EC_NoError);
+    void finish(CBEnum::ErrorCode code = CBEnum::EC_NoError);
 
     Manager *m_manager;
     State m_state = Idle;
