@@ -305,7 +305,10 @@ private slots:
         walkToInstall(window, folder, false);
         auto *stage = window.findChild<QLabel *>("stageLabel"_s);
         QVERIFY(QTest::qWaitFor([&] { return stage->text().startsWith("Downloading"_s); }, 30000));
-        QTest::qWait(300);
+        // The first KiB arrived: the page counts it against the package size.
+        auto *transfer = window.findChild<QLabel *>("transferLabel"_s);
+        QVERIFY2(QTest::qWaitFor([&] { return transfer->text().contains(" of "_s); }, 10000), qPrintable(transfer->text()));
+        picture(window, "5-downloading"_s);
 
         // No changes its mind first; then Escape asks again and Yes cancels.
         answerNextQuestion(QMessageBox::No);
