@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config ccache binutils
     qtbase5-dev qtbase5-dev-tools
+    xvfb xauth
     libarchive-dev libsodium-dev libssl-dev
     nginx-light openssl
     libarchive-tools zstd curl

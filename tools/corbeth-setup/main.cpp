@@ -1,0 +1,151 @@
+// corbeth-setup: the installer window of a product, and its silent form for
+// scripts. It uses the engine only through the public Manager.
+#include "exitcodes.h"
+#include "productinfo.h"
+#include "setupoptions.h"
+#include "setuptask.h"
+#include "setupwindow.h"
+#include "singleinstance.h"
+
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QMetaEnum>
+#include <QtWidgets/QApplication>
+#include <QtWidgets/QMessageBox>
+
+#include <cstdio>
+#include <memory>
+
+using namespace Corbeth;
+
+namespace {
+
+QString keyName(CBEnum::ErrorCode code)
+{
+    return QString::fromLatin1(QMetaEnum::fromType<CBEnum::ErrorCode>().valueToKey(code));
+}
+
+void printError(const QString &line)
+{
+    std::fprintf(stderr, "corbeth-setup: %s\n", qPrintable(line));
+}
+
+// Without a window nobody can press Cancel, so endless download retries get an end.
+void boundRetries(Manager &manager)
+{
+    QVariantMap config = manager.configData();
+    QVariantMap download = config.value(QStringLiteral("download")).toMap();
+    if (download.contains(QStringLiteral("retryRounds")))
+        return;
+    download.insert(QStringLiteral("retryRounds"), 3);
+    config.insert(QStringLiteral("download"), download);
+    manager.setConfigData(config);
+}
+
+int runSilent(Manager &manager, const ProductInfo &product, const SetupOptions &options, const QString &package)
+{
+    boundRetries(manager);
+    if (!options.additions.isEmpty() && !manager.setCurrentAddtions(options.additions)) {
+        printError(QStringLiteral("unknown addition among %1 (known: %2)")
+                       .arg(options.additions.join(QLatin1Char(',')), product.additions.join(QLatin1Char(','))));
+        return CorbethExit::Usage;
+    }
+    SetupTask task(&manager);
+    int exitCode = CorbethExit::Failure;
+    QObject::connect(&task, &SetupTask::succeeded, [&] {
+        exitCode = CorbethExit::Success;
+        QCoreApplication::exit(0);
+    });
+    QObject::connect(&task, &SetupTask::failed, [&](CBEnum::ErrorCode code) {
+        printError(QStringLiteral("%1 failed: %2 (%3)")
+                       .arg(options.mode == SetupOptions::Uninstall ? QStringLiteral("uninstall")
+                            : options.mode == SetupOptions::Update  ? QStringLiteral("update")
+                                                                    : QStringLiteral("install"),
+                            keyName(code), options.configFile));
+        exitCode = CorbethExit::fromError(code);
+        QCoreApplication::exit(0);
+    });
+    QObject::connect(&task, &SetupTask::cancelled, [&] {
+        exitCode = CorbethExit::Cancelled;
+        QCoreApplication::exit(0);
+    });
+    const SetupTask::Kind kind = options.mode == SetupOptions::Uninstall ? SetupTask::Uninstall
+        : options.mode == SetupOptions::Update                         ? SetupTask::Update
+                                                                       : SetupTask::Install;
+    const QString path = !options.path.isEmpty() ? options.path
+        : kind == SetupTask::Install             ? product.installPath
+                                                 : QString();
+    task.start(kind, path, package);
+    QCoreApplication::exec();
+    return exitCode;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    bool silent = false;
+    for (int i = 1; i < argc; ++i)
+        silent = silent || qstrcmp(argv[i], "--silent") == 0;
+
+    QCoreApplication::setApplicationName(QStringLiteral("corbeth-setup"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(CORBETH_SETUP_VERSION));
+    std::unique_ptr<QCoreApplication> app;
+    if (silent) {
+        app = std::make_unique<QCoreApplication>(argc, argv);
+        QLoggingCategory::setFilterRules(QStringLiteral("corbeth.lib=false"));
+    } else {
+        QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
+        QCoreApplication::setAttribute(Qt::AA_UseHighDpiPixmaps);
+        QGuiApplication::setHighDpiScaleFactorRoundingPolicy(Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
+        app = std::make_unique<QApplication>(argc, argv);
+        SetupWindow::captureLog();
+    }
+
+    SetupOptions options;
+    QString error;
+    bool exitNow = false;
+    if (!options.parse(QCoreApplication::arguments(), error, exitNow)) {
+        printError(error + QStringLiteral(" (see --help)"));
+        return CorbethExit::Usage;
+    }
+    if (exitNow)
+        return CorbethExit::Success;
+
+    SingleInstance guard(options.configFile);
+    if (!silent && !guard.claim())
+        return CorbethExit::Success;
+
+    Manager manager;
+    const auto refuse = [&](const QString &what, CBEnum::ErrorCode code) {
+        const QString line = QStringLiteral("%1: %2 (%3)").arg(what, keyName(code), options.configFile);
+        printError(line);
+        if (!silent)
+            QMessageBox::critical(nullptr, QStringLiteral("corbeth-setup"), line);
+        return CorbethExit::fromError(code);
+    };
+    CBEnum::ErrorCode code = manager.setConfigPath(options.configFile);
+    if (code != CBEnum::EC_NoError)
+        return refuse(QStringLiteral("the configuration cannot be read"), code);
+    const ProductInfo product = ProductInfo::fromConfig(manager.configData());
+
+    QString package;
+    if (options.mode != SetupOptions::Uninstall) {
+        SetupTask probe(&manager);
+        package = probe.findPackage(options.packageDir, code);
+        if (code == CBEnum::EC_NoError && package.isEmpty())
+            code = manager.initRemote();
+        if (code != CBEnum::EC_NoError && silent)
+            return refuse(QStringLiteral("setup cannot start"), code);
+    }
+    if (silent)
+        return runSilent(manager, product, options, package);
+
+    SetupWindow window(&manager, product, options, package);
+    QObject::connect(&guard, &SingleInstance::activationRequested, &window, &SetupWindow::bringToFront);
+    if (code != CBEnum::EC_NoError)
+        window.showFailure(code);
+    window.show();
+    if (window.exec() == QDialog::Accepted)
+        return CorbethExit::Success;
+    return window.lastError() != CBEnum::EC_NoError ? CorbethExit::fromError(window.lastError()) : CorbethExit::Cancelled;
+}

@@ -1,0 +1,31 @@
+#ifndef CORBETH_SETUP_PRODUCTINFO_H
+#define CORBETH_SETUP_PRODUCTINFO_H
+
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtCore/QVariantMap>
+
+namespace Corbeth {
+
+// What the installer window shows about the product, read from the
+// configuration's "product" section (the engine does not read it) and its
+// "additions" names.
+struct ProductInfo
+{
+    QString name;
+    QString version;
+    QString publisher;
+    QString licence;
+    // The program the finish page offers to start, relative to the install folder.
+    QString program;
+    QString installPath;
+    QStringList additions;
+
+    static ProductInfo fromConfig(const QVariantMap &config);
+    // The program's absolute path in an install folder; empty when none is named.
+    QString programIn(const QString &folder) const;
+};
+
+} // namespace Corbeth
+
+#endif // CORBETH_SETUP_PRODUCTINFO_H
