@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <clocale>
 #include <memory>
 
 using namespace Vindal;
@@ -81,6 +82,9 @@ bool writeArchive(const QString &path, Kind kind, const QList<Entry> &entries)
 
 QStringList entryNames(const QString &path)
 {
+    // Read as a UTF-8 reader would, whatever locale the test runs in.
+    const QByteArray locale = std::setlocale(LC_CTYPE, nullptr);
+    std::setlocale(LC_CTYPE, "C.UTF-8");
     QStringList names;
     std::unique_ptr<struct archive, int (*)(struct archive *)> a(archive_read_new(), &archive_read_free);
     archive_read_support_format_all(a.get());
@@ -90,6 +94,7 @@ QStringList entryNames(const QString &path)
         while (archive_read_next_header(a.get(), &entry) == ARCHIVE_OK)
             names.append(QString::fromUtf8(archive_entry_pathname(entry)));
     }
+    std::setlocale(LC_CTYPE, locale.constData());
     return names;
 }
 

@@ -2,6 +2,7 @@
 
 #include "archiveextractor_p.h"
 #include "fspath_p.h"
+#include "utf8locale_p.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
@@ -70,6 +71,7 @@ ArchiveCreator::ArchiveCreator(const QString &folder, const QString &packageFile
 
 Outcome ArchiveCreator::run(const ProgressCallback &progress)
 {
+    const Utf8Locale utf8;
     const QFileInfo root(m_folder);
     if (!root.isDir())
         return Outcome::failure(Error::NotFound, QStringLiteral("\"%1\" is not a folder").arg(m_folder), m_folder);

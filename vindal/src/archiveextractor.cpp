@@ -3,6 +3,7 @@
 #include "archivesource_p.h"
 #include "fspath_p.h"
 #include "logging_p.h"
+#include "utf8locale_p.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
@@ -156,6 +157,7 @@ bool ArchiveExtractor::reportProgress(const ProgressCallback &progress)
 
 Outcome ArchiveExtractor::run(const ProgressCallback &progress)
 {
+    const Utf8Locale utf8;
     if (!QDir().mkpath(m_target))
         return writeError(QString(), m_target, QStringLiteral("the target folder cannot be created"));
     m_root = QFileInfo(m_target).canonicalFilePath();
