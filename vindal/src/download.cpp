@@ -377,6 +377,11 @@ void Download::finish(const Outcome &outcome)
     m_deadline.stop();
     dropReply();
     m_part.close();
+    // A failure before the first byte (a 404, say) leaves nothing to resume.
+    if (!outcome && m_part.exists() && m_part.size() == 0) {
+        m_part.remove();
+        QFile::remove(m_metaPath);
+    }
     m_lock.unlock();
     const Done done = m_done;
     done(outcome, m_finalPath);
