@@ -17,6 +17,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/serve.sh"
 build=${1:-$root/build}
 which=${2:-all}
 [[ $which =~ ^(online|offline|all)$ ]] || { echo "usage: $0 [build-dir] [online|offline|all]" >&2; exit 2; }
@@ -53,34 +54,7 @@ rm -rf "$work/tree"
 file=$(cd "$work/repo/modules/tree" && ls ./*.tolmpkg | head -1)
 file=${file#./}
 
-port=
-for candidate in $(shuf -i 20000-60000 -n 50); do
-    (exec 3<>"/dev/tcp/127.0.0.1/$candidate") 2>/dev/null || { port=$candidate; break; }
-done
-[[ -n $port ]] || { echo "no free port" >&2; exit 1; }
-mkdir -p "$work/nginx"
-cat > "$work/nginx/nginx.conf" <<CONF
-$( [[ $(id -u) == 0 ]] && echo "user root;" )
-worker_processes 1;
-daemon off;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log;
-events { worker_connections 64; }
-http {
-    access_log off;
-    sendfile on;
-    client_body_temp_path $work/nginx/body;
-    proxy_temp_path $work/nginx/proxy;
-    fastcgi_temp_path $work/nginx/fastcgi;
-    uwsgi_temp_path $work/nginx/uwsgi;
-    scgi_temp_path $work/nginx/scgi;
-    types { application/octet-stream tolmpkg; application/json json; }
-    server { listen 127.0.0.1:$port; root $work/repo; }
-}
-CONF
-nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" &
-nginx_pid=$!
-for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
+serve_folder "$work/repo" "$work/nginx"
 
 cat > "$work/config.json" <<CONF
 { "velmira": {"repository": "http://127.0.0.1:$port/"},

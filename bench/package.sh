@@ -22,6 +22,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/serve.sh"
 build=${1:-$root/build}
 which=${2:-all}
 pack=$build/tools/corbeth-pack/corbeth-pack
@@ -115,14 +116,6 @@ median() { # <file> <column>
     sort -n -k"$2" "$1" | awk -v c="$2" '{ v[NR] = $c } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-free_port() {
-    local port
-    for port in $(shuf -i 20000-60000 -n 50); do
-        (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || { echo "$port"; return; }
-    done
-    echo "no free port" >&2; exit 1
-}
-
 bench_download() {
     echo "making a 1 GiB package ..."
     mkdir -p "$work/big" "$work/repo" "$work/nginx"
@@ -131,30 +124,8 @@ bench_download() {
     rm -rf "$work/big"
     "$pack" publish "$work/big.tolmpkg" --repo "$work/repo" --module big --version 1.0.0 >/dev/null
     rm -f "$work/big.tolmpkg" "$work/big.tolmpkg.verify"
-    local port file i
-    port=$(free_port)
-    cat > "$work/nginx/nginx.conf" <<EOF
-$( [[ $(id -u) == 0 ]] && echo "user root;" )
-worker_processes 1;
-daemon off;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log;
-events { worker_connections 64; }
-http {
-    access_log off;
-    sendfile on;
-    client_body_temp_path $work/nginx/body;
-    proxy_temp_path $work/nginx/proxy;
-    fastcgi_temp_path $work/nginx/fastcgi;
-    uwsgi_temp_path $work/nginx/uwsgi;
-    scgi_temp_path $work/nginx/scgi;
-    types { application/octet-stream tolmpkg; application/json json; }
-    server { listen 127.0.0.1:$port; root $work/repo; }
-}
-EOF
-    nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" &
-    nginx_pid=$!
-    for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
+    local file i
+    serve_folder "$work/repo" "$work/nginx"
     file=$(cd "$work/repo/modules/big" && ls ./*.tolmpkg | head -1)
     file=${file#./}
     local ours=("$pack" fetch --server "http://127.0.0.1:$port" --module big -o "$work/dl-ours")

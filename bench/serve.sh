@@ -1,0 +1,43 @@
+# Sourced by the benchmarks: serve_folder <root> <nginx-dir> serves a folder
+# with nginx on a free loopback port; it sets $port and $nginx_pid (the
+# caller kills nginx on exit).
+
+free_port() {
+    local candidate
+    for candidate in $(shuf -i 20000-60000 -n 50); do
+        (exec 3<>"/dev/tcp/127.0.0.1/$candidate") 2>/dev/null || { echo "$candidate"; return; }
+    done
+    echo "no free port" >&2
+    exit 1
+}
+
+serve_folder() {
+    local root=$1 dir=$2
+    port=$(free_port)
+    mkdir -p "$dir"
+    cat > "$dir/nginx.conf" <<CONF
+$( [[ $(id -u) == 0 ]] && echo "user root;" )
+worker_processes 1;
+daemon off;
+pid $dir/nginx.pid;
+error_log $dir/error.log;
+events { worker_connections 64; }
+http {
+    access_log off;
+    sendfile on;
+    client_body_temp_path $dir/body;
+    proxy_temp_path $dir/proxy;
+    fastcgi_temp_path $dir/fastcgi;
+    uwsgi_temp_path $dir/uwsgi;
+    scgi_temp_path $dir/scgi;
+    types { application/octet-stream tolmpkg; application/json json; }
+    server { listen 127.0.0.1:$port; root $root; }
+}
+CONF
+    nginx -p "$dir" -c "$dir/nginx.conf" &
+    nginx_pid=$!
+    local _
+    for _ in $(seq 50); do (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && return; sleep 0.1; done
+    echo "nginx did not start on port $port" >&2
+    exit 1
+}
