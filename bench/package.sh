@@ -159,7 +159,8 @@ bench_download() {
     fi
     : > "$work/slow.all"
     BENCH_BEFORE_EACH='rm -rf "$work/dl-ours"' \
-        timed slow env LD_PRELOAD="$slowdisk" SLOWDISK_BYTES_PER_SECOND="$rate" "${ours[@]}"
+        timed slow env LD_LIBRARY_PATH="$(dirname "$slowdisk")" LD_PRELOAD="$(basename "$slowdisk")" \
+        SLOWDISK_BYTES_PER_SECOND="$rate" "${ours[@]}"
     awk -v r="$rate" -v w="$(cut -d' ' -f1 "$work/slow.all")" -v p="$(cut -d' ' -f4 "$work/slow.all")" 'BEGIN {
         printf "          disk throttled to %d MiB/s: corbeth-pack %.2f s   peak %.1f MiB (target 32) %s\n",
                r / 1048576, w, p / 1024, (p <= 32768 ? "ok" : "OVER")

@@ -19,19 +19,19 @@ serve_folder() {
 $( [[ $(id -u) == 0 ]] && echo "user root;" )
 worker_processes 1;
 daemon off;
-pid $dir/nginx.pid;
-error_log $dir/error.log;
+pid "$dir/nginx.pid";
+error_log "$dir/error.log";
 events { worker_connections 64; }
 http {
     access_log off;
     sendfile on;
-    client_body_temp_path $dir/body;
-    proxy_temp_path $dir/proxy;
-    fastcgi_temp_path $dir/fastcgi;
-    uwsgi_temp_path $dir/uwsgi;
-    scgi_temp_path $dir/scgi;
+    client_body_temp_path "$dir/body";
+    proxy_temp_path "$dir/proxy";
+    fastcgi_temp_path "$dir/fastcgi";
+    uwsgi_temp_path "$dir/uwsgi";
+    scgi_temp_path "$dir/scgi";
     types { application/octet-stream tolmpkg; application/json json; }
-    server { listen 127.0.0.1:$port; root $root; }
+    server { listen 127.0.0.1:$port; root "$root"; }
 }
 CONF
     nginx -p "$dir" -c "$dir/nginx.conf" &

@@ -10,6 +10,22 @@
 
 using namespace VindalTest;
 
+#ifdef VINDAL_SLOWDISK
+// The slow disk shim preloaded into one run, reporting its peak memory to
+// <report>. LD_PRELOAD splits its list at spaces, so the shim goes by name and
+// its folder, which may hold one, by LD_LIBRARY_PATH.
+static QProcessEnvironment slowDiskEnvironment(const QString &report)
+{
+    const QFileInfo shim(QStringLiteral(VINDAL_SLOWDISK));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    const QString libraryPath = environment.value("LD_LIBRARY_PATH"_s);
+    environment.insert("LD_LIBRARY_PATH"_s, shim.absolutePath() + (libraryPath.isEmpty() ? QString() : ":"_s + libraryPath));
+    environment.insert("LD_PRELOAD"_s, shim.fileName());
+    environment.insert("SLOWDISK_REPORT"_s, report);
+    return environment;
+}
+#endif
+
 // corbeth-pack run as a real process, the way a product owner uses it.
 class tst_CorbethPack : public QObject
 {
@@ -137,10 +153,8 @@ private slots:
         FaultServer server;
         QVERIFY(server.start(dir.filePath("repo"_s)));
         const auto peakOf = [&](const QString &module, const QString &bytesPerSecond) {
-            QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-            environment.insert("LD_PRELOAD"_s, QStringLiteral(VINDAL_SLOWDISK));
+            QProcessEnvironment environment = slowDiskEnvironment(dir.filePath("peak"_s));
             environment.insert("SLOWDISK_BYTES_PER_SECOND"_s, bytesPerSecond);
-            environment.insert("SLOWDISK_REPORT"_s, dir.filePath("peak"_s));
             const PackTool::Run run = PackTool::run({"fetch"_s, "--server"_s, server.url("ok"_s), "--module"_s, module, "-o"_s,
                                                      dir.filePath("out"_s)}, environment);
             return run.exitCode == 0 ? readFile(dir.filePath("peak"_s)).trimmed().toLongLong() : -1;
@@ -169,9 +183,7 @@ private slots:
         const QByteArray index = QJsonDocument(QJsonObject{{"format"_s, 1}, {"module"_s, "app"_s}, {"versions"_s, versions}}).toJson(QJsonDocument::Compact);
         QVERIFY(index.size() > 7000000);
         QVERIFY(writeFile(dir.filePath("repo/modules/app/index.json"_s), index));
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("LD_PRELOAD"_s, QStringLiteral(VINDAL_SLOWDISK));
-        environment.insert("SLOWDISK_REPORT"_s, dir.filePath("peak"_s));
+        const QProcessEnvironment environment = slowDiskEnvironment(dir.filePath("peak"_s));
         const PackTool::Run run = PackTool::run({"fetch"_s, "--server"_s, QUrl::fromLocalFile(dir.filePath("repo"_s)).toString(), "--module"_s,
                                                  "app"_s, "-o"_s, dir.filePath("out"_s)}, environment);
         QCOMPARE(run.exitCode, 1); // no package files in this repository

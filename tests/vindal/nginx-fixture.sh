@@ -70,27 +70,27 @@ for _ in $(seq 20); do
 $user
 daemon on;
 worker_processes 1;
-pid $dir/nginx.pid;
-error_log $dir/logs/error.log warn;
+pid "$dir/nginx.pid";
+error_log "$dir/logs/error.log" warn;
 events { worker_connections 64; }
 http {
-    access_log $dir/logs/access.log combined;
-    client_body_temp_path $dir/tmp/body;
-    proxy_temp_path $dir/tmp/proxy;
-    fastcgi_temp_path $dir/tmp/fastcgi;
-    uwsgi_temp_path $dir/tmp/uwsgi;
-    scgi_temp_path $dir/tmp/scgi;
+    access_log "$dir/logs/access.log" combined;
+    client_body_temp_path "$dir/tmp/body";
+    proxy_temp_path "$dir/tmp/proxy";
+    fastcgi_temp_path "$dir/tmp/fastcgi";
+    uwsgi_temp_path "$dir/tmp/uwsgi";
+    scgi_temp_path "$dir/tmp/scgi";
     default_type application/octet-stream;
     sendfile on;
     server {
         listen 127.0.0.1:$http;
-        root $dir/www;
+        root "$dir/www";
     }
     server {
         listen 127.0.0.1:$https ssl;
-        ssl_certificate $tls/server.pem;
-        ssl_certificate_key $tls/server.key;
-        root $dir/www;
+        ssl_certificate "$tls/server.pem";
+        ssl_certificate_key "$tls/server.key";
+        root "$dir/www";
         # The same files over plain http: a client must refuse to follow.
         rewrite ^/to-http/(.*)\$ http://127.0.0.1:$http/\$1 redirect;
     }
