@@ -497,7 +497,7 @@ private slots:
         QCOMPARE(reply->status(), Error::ConfigError);
         delete reply;
 
-        QCOMPARE(configure(manager, QUrl::fromLocalFile(m_dir.filePath("nowhere"_s)).toString()), 0);
+        QCOMPARE(configure(manager, QUrl::fromLocalFile(m_dir.filePath("no where"_s)).toString()), 0);
         QCOMPARE(manager.packageInfo(), QVariantMap());
         QCOMPARE(codeOf(download(manager)), int(Error::NotFound));
 

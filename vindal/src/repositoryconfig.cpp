@@ -15,6 +15,9 @@ namespace {
 bool parseBase(const QString &text, const QString &key, QUrl *url, QString *error)
 {
     QUrl parsed(text.trimmed(), QUrl::StrictMode);
+    // A local folder's URL is often written as its path reads, spaces and all.
+    if (!parsed.isValid() && text.trimmed().startsWith(QLatin1String("file:"), Qt::CaseInsensitive))
+        parsed = QUrl(text.trimmed(), QUrl::TolerantMode);
     const QString scheme = parsed.scheme().toLower();
     if (!parsed.isValid() || (scheme != QLatin1String("http") && scheme != QLatin1String("https") && scheme != QLatin1String("file"))
         || (scheme != QLatin1String("file") && parsed.host().isEmpty())) {
