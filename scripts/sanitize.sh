@@ -19,6 +19,8 @@ cmake --build "$build"
 # processes the tests start.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+# Quoted: the checkout's path may hold spaces.
+export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=\"$PWD/tests/lsan.supp\"}
 # win32_wine cross-builds the Windows units with MinGW and runs them under
 # Wine: nothing of it is instrumented, and the normal tree runs it already.
 ctest --test-dir "$build" --output-on-failure -j"$(nproc)" -E '^win32_wine$' "$@"
