@@ -26,17 +26,8 @@ pack=$build/tools/corbeth-pack/corbeth-pack
 for tool in "$client" "$pack"; do
     [[ -x $tool ]] || { echo "missing $tool (ninja -C $build corbeth-bench-install corbeth-pack)" >&2; exit 2; }
 done
-for tool in bsdtar curl md5sum nginx /usr/bin/time; do
-    command -v "$tool" >/dev/null || { echo "missing $tool" >&2; exit 2; }
-done
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/corbeth-bench-install.XXXXXX")
-nginx_pid=
-cleanup() {
-    [[ -n $nginx_pid ]] && kill "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null
-    rm -rf "$work"
-}
-trap cleanup EXIT
+need_tools bsdtar curl md5sum nginx /usr/bin/time
+work_folder corbeth-bench-install
 repeat=${BENCH_REPEAT:-3}
 
 echo "copying a ~400 MB / ~6,000-file tree from /usr ..."

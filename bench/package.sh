@@ -27,17 +27,8 @@ build=${1:-$root/build}
 which=${2:-all}
 pack=$build/tools/corbeth-pack/corbeth-pack
 [[ -x $pack ]] || { echo "no corbeth-pack in $build (ninja -C $build corbeth-pack)" >&2; exit 2; }
-for tool in bsdtar curl nginx /usr/bin/time; do
-    command -v "$tool" >/dev/null || { echo "missing $tool" >&2; exit 2; }
-done
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/corbeth-bench.XXXXXX")
-nginx_pid=
-cleanup() {
-    [[ -n $nginx_pid ]] && kill "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null
-    rm -rf "$work"
-}
-trap cleanup EXIT
+need_tools bsdtar curl nginx /usr/bin/time
+work_folder corbeth-bench
 
 # run <name> <command...>: the best wall seconds of $repeat runs and the
 # highest peak resident KiB of them into $work/<name>.time. Dirty pages left

@@ -1,6 +1,28 @@
-# Sourced by the benchmarks: serve_folder <root> <nginx-dir> serves a folder
-# with nginx on a free loopback port; it sets $port and $nginx_pid (the
-# caller kills nginx on exit).
+# Sourced by the benchmarks that serve files over HTTP.
+#   need_tools <tool...>     exits 2 naming the first tool that is missing
+#   work_folder <name>       a fresh $work under ${TMPDIR:-/tmp}, removed on
+#                            exit together with the nginx serve_folder starts
+#   serve_folder <root> <nginx-dir>
+#                            serves a folder with nginx on a free loopback
+#                            port; sets $port and $nginx_pid
+
+need_tools() {
+    local tool
+    for tool in "$@"; do
+        command -v "$tool" >/dev/null || { echo "missing $tool" >&2; exit 2; }
+    done
+}
+
+work_folder() {
+    work=$(mktemp -d "${TMPDIR:-/tmp}/$1.XXXXXX")
+    nginx_pid=
+    trap 'stop_serving; rm -rf "$work"' EXIT
+}
+
+stop_serving() {
+    [[ -n $nginx_pid ]] && kill "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null
+    nginx_pid=
+}
 
 free_port() {
     local candidate
