@@ -1,4 +1,5 @@
 #include "logcapture.h"
+#include "testfiles.h"
 #include "testmain.h"
 
 #include "config/configer.h"
@@ -99,9 +100,7 @@ private slots:
         const QVariantMap before = configer()->configData();
         QTemporaryDir dir;
         const QString path = dir.filePath(QStringLiteral("corbeth.json"));
-        QFile file(path);
-        QVERIFY(content.isEmpty() || (file.open(QIODevice::WriteOnly) && file.write(content) == content.size()));
-        file.close();
+        QVERIFY(content.isEmpty() || writeFile(path, content));
         QSignalSpy changed(configer(), &Configer::configDataChanged);
         LogCapture log;
         QCOMPARE(configer()->setConfigPath(path), CBEnum::EC_FileNotOpen);

@@ -5,6 +5,7 @@
 #include "installer/installer.h"
 #include "manager/ptrmanager.h"
 #include "sandbox.h"
+#include "testfiles.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -14,25 +15,6 @@
 #include <QtTest/QTest>
 
 namespace TestProduct {
-
-inline QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
-
-inline void writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.write(content);
-}
-
-inline QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
 
 inline QVariantMap fromJson(const QByteArray &json)
 {

@@ -1,6 +1,7 @@
 #include "logcapture.h"
 #include "platform/linuxhardware_p.h"
 #include "platform/systeminfo.h"
+#include "testfiles.h"
 #include "testmain.h"
 
 #include <QtCore/QFile>
@@ -13,17 +14,6 @@ using namespace Corbeth;
 using Blocks = QList<QVariantMap>;
 
 namespace {
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
-
-bool writeFile(const QString &path, const QByteArray &data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
 // PowerShell's list layout: blank lines around blocks, keys padded to one
 // width, CRLF line ends.
 const QByteArray s_cpuOutput = "\r\n\r\nName          : Intel(R) Xeon(R) Gold 6230 CPU @ 2.10GHz\r\n"

@@ -3,6 +3,7 @@
 #include "records/sqlhelper.h"
 
 #include "logcapture.h"
+#include "testfiles.h"
 #include "testmain.h"
 
 #include <QtCore/QCryptographicHash>
@@ -14,11 +15,6 @@
 using namespace Corbeth;
 
 namespace {
-
-inline QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
 
 bool makeFile(const QString &path, int size, qint64 ageSeconds)
 {
@@ -104,10 +100,8 @@ private slots:
         QTemporaryDir dir;
         // More than one 10 MiB read.
         const QByteArray content(11 << 20, 'm');
-        QFile file(dir.filePath("big"_s));
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
-        file.close();
-        QCOMPARE(SQLHelper::calculateMD5(file.fileName()),
+        QVERIFY(writeFile(dir.filePath("big"_s), content));
+        QCOMPARE(SQLHelper::calculateMD5(dir.filePath("big"_s)),
                  QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex()));
         LogCapture log;
         QCOMPARE(SQLHelper::calculateMD5(dir.filePath("missing"_s)), QString());

@@ -1,6 +1,8 @@
 #ifndef VINDAL_TEST_VINDALTEST_H
 #define VINDAL_TEST_VINDALTEST_H
 
+#include "testfiles.h"
+
 #include <QtCore/QMap>
 #include <QtCore/QProcess>
 #include <QtCore/QVariantMap>
@@ -11,15 +13,12 @@ class Reply;
 
 namespace VindalTest {
 
-inline QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
+using ::operator""_s;
+using ::readFile;
+using ::writeFile;
 
 // The same bytes for the same seed, so failures can be reproduced.
 QByteArray pseudoRandom(int size, quint32 seed);
-bool writeFile(const QString &path, const QByteArray &content);
-QByteArray readFile(const QString &path);
 
 // Everything below a folder: relative path -> content, "<dir>" for folders,
 // "-> target" for links. Two equal snapshots are two equal trees.
