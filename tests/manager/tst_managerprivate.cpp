@@ -4,7 +4,7 @@
 #include "installer/installer.h"
 #include "manager/ptrmanager.h"
 
-#include "logcapture.h"
+#include "testfiles.h"
 #include "testmain.h"
 
 #include <corbeth/manager.h>
@@ -15,11 +15,6 @@
 using namespace Corbeth;
 
 namespace {
-
-inline QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
 
 // Progress figures the client saw, in order.
 QList<double> figures(const QSignalSpy &spy)
@@ -46,18 +41,6 @@ class tst_ManagerPrivate : public QObject
     }
 
 private slots:
-    void statusChangesOnlyWhenItDiffers()
-    {
-        Manager manager;
-        ManagerPrivate *d = ManagerPrivate::get(&manager);
-        QSignalSpy spy(&manager, &Manager::taskStatusChanged);
-        d->setTaskStatus(CBEnum::TS_Downloading);
-        d->setTaskStatus(CBEnum::TS_Downloading);
-        QCOMPARE(spy.count(), 1);
-        QCOMPARE(spy.first().first().toUInt(), uint(CBEnum::TS_Downloading));
-        QCOMPARE(manager.taskStatus(), uint(CBEnum::TS_Downloading));
-    }
-
     void weights_data()
     {
         QTest::addColumn<int>("operation");
@@ -141,16 +124,6 @@ private slots:
         emit d->finished();
         QCOMPARE(seen, (QStringList{"status 5"_s, "progress 100"_s}));
         QCOMPARE(d->currentProgress(), 0.0);
-    }
-
-    // Every error that reaches the client is logged once.
-    void errorsAreLogged()
-    {
-        Manager manager;
-        LogCapture log;
-        emit ManagerPrivate::get(&manager)->errorOccurred(CBEnum::EC_VerifyFailed);
-        QCOMPARE(log.count("errorOccured"_s, QtCriticalMsg), 1);
-        QVERIFY(log.contains("EC_VerifyFailed"_s, QtCriticalMsg));
     }
 
     void freshWorkersForEachManager()
