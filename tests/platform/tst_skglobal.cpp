@@ -1,7 +1,7 @@
 #include "logcapture.h"
 #include "platform/blockdevice_p.h"
-#include "platform/settingsstore_p.h"
 #include "platform/skglobal.h"
+#include "testfiles.h"
 #include "testmain.h"
 
 #include <QtCore/QElapsedTimer>
@@ -17,11 +17,6 @@
 using namespace Corbeth;
 
 namespace {
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
-
 QStringList words(const char *text)
 {
     return QString::fromUtf8(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -32,24 +27,12 @@ SKGlobal *sk()
     return SKGlobal::instance();
 }
 
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeAll(const QString &path, const QByteArray &data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
 // Gone, or a zombie that nobody reaps in a container without an init.
 bool processEnded(qint64 pid)
 {
     if (::kill(pid_t(pid), 0) != 0)
         return true;
-    const QByteArray stat = readAll(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray stat = ::readFile(QStringLiteral("/proc/%1/stat").arg(pid));
     const int close = stat.lastIndexOf(')');
     return close > 0 && stat.mid(close + 2, 1) == "Z";
 }
@@ -127,7 +110,7 @@ private slots:
                                    detachedPidFile, "--sleep"_s, "30000"_s},
                                   0, out));
         for (const QString &file : {mainPidFile, childPidFile, detachedPidFile}) {
-            const qint64 pid = readAll(file).toLongLong();
+            const qint64 pid = ::readFile(file).toLongLong();
             QVERIFY2(pid > 0, qPrintable(file));
             QTRY_VERIFY2_WITH_TIMEOUT(processEnded(pid), qPrintable(file), 5000);
         }
@@ -163,48 +146,18 @@ private slots:
 
         const QString file = dir.filePath("data.bin"_s);
         const QByteArray binary("a\r\nb\0c", 6);
-        QVERIFY(writeAll(file, binary));
+        QVERIFY(writeFile(file, binary));
         QVERIFY(sk()->readFile(file, content));
         QCOMPARE(content, binary);
-    }
-
-    void readJsonMap_data()
-    {
-        QTest::addColumn<QByteArray>("json");
-        QTest::addColumn<bool>("result");
-        QTest::addColumn<QVariantMap>("map");
-
-        const QVariantMap untouched{{"old"_s, 1}};
-        QTest::newRow("object") << QByteArray(R"({"a": 1, "b": {"c": "d"}})") << true
-                                << QVariantMap{{"a"_s, 1.0}, {"b"_s, QVariantMap{{"c"_s, "d"_s}}}};
-        // A parsed but empty document replaces the map before it is refused.
-        QTest::newRow("empty object") << QByteArray("{}") << false << QVariantMap();
-        QTest::newRow("array") << QByteArray("[1]") << false << QVariantMap();
-        QTest::newRow("not json") << QByteArray("{\"a\": ") << false << untouched;
-    }
-
-    void readJsonMap()
-    {
-        QFETCH(QByteArray, json);
-        QFETCH(bool, result);
-        QTemporaryDir dir;
-        QVERIFY(dir.isValid());
-        const QString file = dir.filePath("config.json"_s);
-        QVERIFY(writeAll(file, json));
-        LogCapture log;
-        QVariantMap read{{"old"_s, 1}};
-        QCOMPARE(sk()->readJsonMap(file, read), result);
-        QTEST(read, "map");
-        QCOMPARE(log.contains("config file parse json error"_s, QtCriticalMsg), !result);
     }
 
     void readJsonObject()
     {
         QTemporaryDir dir;
         const QString file = dir.filePath("o.json"_s);
-        QVERIFY(writeAll(file, "\n  {\"name\": \"caf\xc3\xa9\"}  \n\n"));
+        QVERIFY(writeFile(file, "\n  {\"name\": \"caf\xc3\xa9\"}  \n\n"));
         QCOMPARE(sk()->readJsonObject(file).value("name"_s).toString(), QStringLiteral("caf\u00e9"));
-        QVERIFY(writeAll(file, "not json"));
+        QVERIFY(writeFile(file, "not json"));
         QVERIFY(sk()->readJsonObject(file).isEmpty());
         QVERIFY(sk()->readJsonObject(dir.filePath("missing"_s)).isEmpty());
     }
@@ -216,37 +169,24 @@ private slots:
         LogCapture log;
         const QString nested = dir.filePath("a/b/c.json"_s);
         QVERIFY(sk()->writeJsonMap(nested, {{"k"_s, "v"_s}}));
-        QCOMPARE(readAll(nested), QByteArray("{\n    \"k\": \"v\"\n}\n"));
+        QCOMPARE(::readFile(nested), QByteArray("{\n    \"k\": \"v\"\n}\n"));
         // A folder that cannot be made: a plain file stands in its way.
         QVERIFY(!sk()->writeFile(nested + "/d"_s, "x"));
         QVERIFY(log.contains("mkpath config file not exist"_s, QtCriticalMsg));
 
         const QString file = dir.filePath("v.json"_s);
         QVERIFY(sk()->writeJsonValue("a"_s, 1, file));
-        QCOMPARE(readAll(file), QByteArray("{\n    \"a\": 1\n}\n"));
+        QCOMPARE(::readFile(file), QByteArray("{\n    \"a\": 1\n}\n"));
         QVERIFY(sk()->writeJsonValue("b"_s, QJsonArray{"x"_s}, file));
         QVERIFY(sk()->writeJsonValue("a"_s, "two"_s, file));
-        QCOMPARE(readAll(file), QByteArray("{\n    \"a\": \"two\",\n    \"b\": [\n        \"x\"\n    ]\n}\n"));
+        QCOMPARE(::readFile(file), QByteArray("{\n    \"a\": \"two\",\n    \"b\": [\n        \"x\"\n    ]\n}\n"));
 
         // Content that is not an object is left as it was rather than replaced.
-        QVERIFY(writeAll(file, "[1, 2]"));
+        QVERIFY(writeFile(file, "[1, 2]"));
         QVERIFY(!sk()->writeJsonValue("a"_s, 1, file));
-        QCOMPARE(readAll(file), QByteArray("[1, 2]"));
+        QCOMPARE(::readFile(file), QByteArray("[1, 2]"));
         QVERIFY(!sk()->writeJsonValue("a"_s, 1, dir.filePath("no/such/folder.json"_s)));
         QVERIFY(log.contains("not exist file"_s, QtCriticalMsg));
-    }
-
-    // Both separators, long and short hive names reach one key, on every platform.
-    void settingsPathSpellings()
-    {
-        const QString native = "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\App"_s;
-        for (const QString &path : {native, "HKCU/SOFTWARE/Arvenor/App"_s, "\\HKCU\\SOFTWARE//Arvenor\\App\\"_s}) {
-            QString keyPath;
-            const SettingsStore::Hive hive = SettingsStore::parse(path, &keyPath);
-            QCOMPARE(SettingsStore::nativePath(hive, keyPath), native);
-        }
-        sk()->setSettingValue("HKCU/SOFTWARE/Arvenor/App"_s, "k"_s, "v"_s);
-        QCOMPARE(sk()->settingValue(native, "k"_s).toString(), "v"_s);
     }
 
     // Without a root of its own, HKLM goes to the machine-wide folder when this
@@ -269,7 +209,7 @@ private slots:
 
         // A machine folder that cannot be made (below a plain file, which stops
         // root too): the write goes to the user's store and is read back.
-        QVERIFY(writeAll(dir.filePath("file"_s), "x"));
+        QVERIFY(writeFile(dir.filePath("file"_s), "x"));
         qputenv("CORBETH_SETTINGS_MACHINE_ROOT", QFile::encodeName(dir.filePath("file/registry"_s)));
         sk()->setSettingValue(key, "path"_s, "user"_s);
         QCOMPARE(sk()->settingValue(key, "path"_s).toString(), "user"_s);
@@ -333,6 +273,9 @@ private slots:
         QCOMPARE(sk()->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\X"_s, "k"_s).toString(), "user"_s);
         QCOMPARE(sk()->settingValue("HKEY_LOCAL_MACHINE\\SOFTWARE\\X"_s, "k"_s).toString(), "machine"_s);
         QCOMPARE(sk()->settingValue("HKCR\\.tolmpkg"_s, "k"_s).toString(), "class"_s);
+        // Both separators, and stray ones, reach the same key.
+        sk()->setSettingValue("\\HKCU\\SOFTWARE//Y/"_s, "k"_s, "spelt"_s);
+        QCOMPARE(sk()->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\Y"_s, "k"_s).toString(), "spelt"_s);
         // The key path is a group of the hive, whose parent sees it as a sub-key.
         QCOMPARE(sk()->settingValue("HKCU\\SOFTWARE"_s, "X/k"_s).toString(), "user"_s);
 
