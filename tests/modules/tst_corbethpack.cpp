@@ -114,7 +114,7 @@ private slots:
         QTest::newRow("signed") << "signed"_s << QStringList{"--public-key"_s, m_work.filePath("right.pub"_s)};
     }
 
-    // Resuming a dropped download is the library's, checked through the adapter (tst_vindaler).
+    // Resuming a dropped download is the library's (tst_vindalmanager).
     void fetchAndVerify()
     {
         QFETCH(QString, repo);

@@ -25,64 +25,14 @@ class tst_Vindaler : public QObject
     }
 
     QTemporaryDir m_work;
-    QString m_source;
     QString m_package;
 
 private slots:
     void initTestCase()
     {
         QVERIFY(m_work.isValid());
-        m_source = m_work.filePath("source"_s);
         m_package = m_work.filePath("app.tolmpkg"_s);
-        QVERIFY(PackTool::makePackage(m_source, m_package));
-    }
-
-    void maxVersion_data()
-    {
-        QTest::addColumn<QString>("a");
-        QTest::addColumn<QString>("b");
-        QTest::addColumn<QString>("expected");
-        // Textual on purpose: "10" sorts before "9".
-        QTest::newRow("textual parts") << "1.10.0"_s << "1.9.0"_s << "1.9.0"_s;
-        QTest::newRow("later part decides") << "1.2.3"_s << "1.2.4"_s << "1.2.4"_s;
-        QTest::newRow("first part decides") << "2.0.0"_s << "1.9.9"_s << "2.0.0"_s;
-        QTest::newRow("equal prefix keeps a") << "1.2.0"_s << "1.2"_s << "1.2.0"_s;
-    }
-
-    void maxVersion()
-    {
-        QFETCH(QString, a);
-        QFETCH(QString, b);
-        QFETCH(QString, expected);
-        QCOMPARE(Vindaler::maxVersion(a, b), expected);
-    }
-
-    void toErrorCode_data()
-    {
-        QTest::addColumn<int>("error");
-        QTest::addColumn<int>("expected");
-        QTest::newRow("success") << 0 << int(CBEnum::EC_NoError);
-        QTest::newRow("time-out") << 0x5003 << int(CBEnum::EC_Timeout);
-        QTest::newRow("configuration") << 0x5072007 << int(CBEnum::EC_ConfigDataError);
-        QTest::newRow("one") << 1 << int(CBEnum::EC_UnknownNetworkError);
-    }
-
-    void toErrorCode()
-    {
-        QFETCH(int, error);
-        QFETCH(int, expected);
-        QCOMPARE(int(Vindaler::toErrorCode(error)), expected);
-    }
-
-    void nullReply()
-    {
-        Vindaler vindaler;
-        LogCapture log;
-        QCOMPARE(vindaler.checkReply(nullptr), Vindal::Error::NoReply);
-        QVariant result(42);
-        QCOMPARE(vindaler.waitReply(nullptr, result), Vindal::Error::NoReply);
-        QCOMPARE(result, QVariant(42));
-        QCOMPARE(log.count("erorrOccurred nullptr"_s, QtCriticalMsg), 2);
+        QVERIFY(PackTool::makePackage(m_work.filePath("source"_s), m_package));
     }
 
     void noServiceNoDownload_data()
@@ -171,78 +121,6 @@ private slots:
         const QVariantMap stored = vindaler.config().value("startDownload"_s).toMap();
         QCOMPARE(stored.value("temporaryStoragePath"_s).toString(), expected);
         QCOMPARE(log.contains("config startDownload configuration"_s, QtWarningMsg), !startDownload.isEmpty());
-    }
-
-    void downloadVerifyUnpack_data()
-    {
-        QTest::addColumn<QString>("server");
-        QTest::newRow("file") << "file"_s;
-        QTest::newRow("dropped, resumed") << "drop"_s;
-    }
-
-    // The whole way a package takes: made and published with corbeth-pack, fetched
-    // through the adapter, checked, and unpacked into a tree identical to the source.
-    void downloadVerifyUnpack()
-    {
-        QFETCH(QString, server);
-        QTemporaryDir dir;
-        const QString repo = dir.filePath("repo"_s);
-        QVERIFY(PackTool::ok(
-            {"publish"_s, m_package, "--repo"_s, repo, "--module"_s, "app"_s, "--version"_s, "1.0.0"_s}));
-        QString url = QUrl::fromLocalFile(repo).toString();
-        FaultServer faults;
-        if (server == "drop"_s) {
-            // The first transfer of the package breaks off halfway.
-            QVERIFY(faults.start(repo));
-            url = faults.url(server);
-        }
-
-        Vindaler vindaler;
-        Vindal::Reply *configured = vindaler.setConfigData(serviceConfig(url));
-        QVERIFY(configured);
-        const QString cache = dir.filePath("install/arvenorDownloadCache"_s);
-        QVERIFY(QDir().mkpath(cache));
-        vindaler.setTemporaryStoragePath(cache);
-
-        LogCapture log;
-        Vindal::Reply *reply = vindaler.downloadOfflineModule(dir.filePath("install"_s));
-        QVERIFY2(reply, qPrintable(log.dump()));
-        QSignalSpy progress(reply, &Vindal::Reply::downloadProgress);
-        QVariant answer;
-        QCOMPARE(vindaler.waitReply(reply, answer), Vindal::Error::NoError);
-        configured->deleteLater();
-
-        const QVariantMap result = answer.toMap();
-        const QString path = result.value("path"_s).toString();
-        QVERIFY2(QFileInfo(path).isFile(), qPrintable(path));
-        QCOMPARE(QFileInfo(path).absolutePath(), QFileInfo(cache).absoluteFilePath());
-        QCOMPARE(result.value("version"_s).toString(), "1.0.0"_s);
-        QCOMPARE(result.value("bytesTotal"_s).toLongLong(), QFileInfo(path).size());
-        QCOMPARE(result.value("file"_s).toMap().value("name"_s).toString(), QFileInfo(path).fileName());
-        QCOMPARE(result.value("md5Value"_s).toString(), PackTool::md5Of(path));
-        if (server == "drop"_s)
-            QVERIFY2(faults.log().contains("Range: bytes="), faults.log().constData());
-        QVERIFY(!progress.isEmpty());
-        QCOMPARE(progress.last().at(0).toLongLong(), QFileInfo(path).size());
-        QCOMPARE(vindaler.packageInfo().value("md5Value"_s).toString(), PackTool::md5Of(path));
-
-        // Configured once already: a second request goes straight to the service.
-        log.clear();
-        Vindal::Reply *again = vindaler.downloadOfflineModule(dir.filePath("install"_s));
-        QVERIFY(again);
-        QVERIFY2(!log.contains("ready for finished"_s), qPrintable(log.dump()));
-        QCOMPARE(vindaler.waitReply(again, answer), Vindal::Error::NoError);
-
-        const QString target = dir.filePath("install/app"_s);
-        auto *unpack = new Vindal::Reply;
-        QSignalSpy finished(unpack, &Vindal::Reply::finished);
-        QSignalSpy unpackProgress(unpack, &Vindal::Reply::progress);
-        vindaler.loadOfflinePackage(unpack, path, target);
-        QVERIFY(finished.wait(60000) || finished.count() == 1);
-        QCOMPARE(finished.first().first().toMap().value("errorCode"_s).toInt(), 0);
-        QVERIFY(!unpackProgress.isEmpty());
-        delete unpack;
-        QVERIFY(snapshot(target) == snapshot(m_source));
     }
 
     void upgradeTakesLastCodeAndHighestVersion()
