@@ -160,7 +160,6 @@ private slots:
         QVERIFY(QFile::link(path("neighbour"_s), path("src/sub/link"_s)));
         writeFile(path("src/sub/user.cfg"_s), "user settings\n");
         writeFile(path("single.txt"_s), "listed and white-listed");
-        LogCapture logs;
         QVERIFY(m_installer.removeFiles({"${installPath}/src"_s, "${installPath}/single.txt"_s, "${installPath}/gone"_s},
                                         {"${installPath}/src/sub/user.cfg"_s, "${installPath}/single.txt"_s,
                                          "${installPath}/absent"_s}));
@@ -169,8 +168,6 @@ private slots:
         QCOMPARE(readFile(path("single.txt"_s)), QByteArray("listed and white-listed"));
         QCOMPARE(readFile(path("neighbour/keep.txt"_s)), QByteArray("neighbour"));
         QVERIFY(!QFileInfo::exists(path("src/sub/link"_s)));
-        QVERIFY(logs.contains("remove file erorr"_s));
-        QVERIFY(logs.contains("not exist"_s, QtWarningMsg));
     }
 
     // System trees and every home are refused; an application's own folder
@@ -241,9 +238,7 @@ private slots:
     void splitArguments()
     {
         QFETCH(QString, line);
-        LogCapture logs;
         QTEST(Installer::splitArguments(line), "args");
-        QVERIFY(logs.contains("split sapce"_s));
     }
 
     void processExe_data()
@@ -276,12 +271,9 @@ private slots:
         QSignalSpy rises(&installer, &Installer::riseOfProgress);
         QSignalSpy progress(&installer, &Installer::progress);
         installer.advanceProgress(80, 80);
-        LogCapture logs;
         installer.advanceProgress(30, 70); // above the ceiling: never goes back
-        QVERIFY(logs.lines().isEmpty());
         installer.advanceProgress(30, 85); // capped
         installer.advanceProgress(15, 85); // at the ceiling
-        QVERIFY(logs.contains("progress not changed"_s, QtWarningMsg));
         installer.advanceProgress(14, 99);
         installer.advanceProgress(1, 100); // 99 stops
         QCOMPARE(installer.currentProgress(), 99.0);
@@ -290,7 +282,6 @@ private slots:
         QCOMPARE(progress.at(2).at(0).toDouble(), 99.0);
         QCOMPARE(rises.at(1).at(0).toDouble(), 5.0);
         QCOMPARE(rises.at(2).at(0).toDouble(), 14.0);
-        QCOMPARE(logs.count("install progress "_s), 3);
     }
 
     void clearProcessEndsProgramsByName()
@@ -445,9 +436,7 @@ private slots:
     {
         const QString dir = m_dir.filePath("packages"_s);
         writeFile(dir + "/a.tolmpkg.verify"_s, "digest");
-        LogCapture logs;
         QCOMPARE(Installer::latestPackage(dir), QString());
-        QVERIFY(logs.contains("No .tolmpkg files found in"_s));
         writeFile(dir + "/b.tolmpkg"_s, "new");
         writeFile(dir + "/a.tolmpkg"_s, "old");
         QFile older(dir + "/a.tolmpkg"_s);
@@ -472,12 +461,6 @@ private slots:
         QVERIFY(offline);
         QCOMPARE(package, shipped);
         QCOMPARE(verify, shipped + ".verify"_s);
-
-        // Removing the download cache leaves the rest of the install folder.
-        writeFile(m_dir.filePath("arvenorDownloadCache/pkg.tolmpkg"_s), "cached");
-        m_installer.removeUpdateDir();
-        QVERIFY(!QFileInfo::exists(m_dir.filePath("arvenorDownloadCache"_s)));
-        QCOMPARE(readFile(path("src/a.txt"_s)), QByteArray("alpha\n"));
     }
 
 private:
