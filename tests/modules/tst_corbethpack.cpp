@@ -4,7 +4,6 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QUrl>
 
@@ -91,11 +90,9 @@ private slots:
             QVERIFY(!run.out.contains(QLatin1Char('\r')));
             QCOMPARE(readFile(package).left(magic.size()), magic);
 
-            // The companion holds the 32 lower-case hex characters and nothing else.
-            const QString content = QString::fromLatin1(readFile(package + ".verify"_s));
-            QVERIFY2(QRegularExpression("\\A[0-9a-f]{32}\\z"_s).match(content).hasMatch(), qPrintable(content));
-            QCOMPARE(content, PackTool::md5Of(package));
-            digests << content;
+            // The companion's format is the library's (tst_package).
+            QCOMPARE(QString::fromLatin1(readFile(package + ".verify"_s)), PackTool::md5Of(package));
+            digests << PackTool::md5Of(package);
         }
         // The same folder always gives the same bytes: entries in a stable order.
         QCOMPARE(digests.at(0), digests.at(1));
