@@ -133,16 +133,10 @@ private slots:
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
-        LogCapture log;
         QByteArray content("kept");
         for (const QString &path : {QString(), dir.filePath("missing"_s), dir.path()})
             QVERIFY2(!sk()->readFile(path, content), qPrintable(path));
         QCOMPARE(content, QByteArray("kept"));
-        QVERIFY(log.contains("config file not exist"_s, QtCriticalMsg));
-        QVERIFY(log.contains("config file open fail"_s, QtCriticalMsg));
-        QVariantMap map{{"old"_s, 1}};
-        QVERIFY(!sk()->readJsonMap(dir.filePath("missing.json"_s), map));
-        QVERIFY(log.contains("read file fail"_s, QtCriticalMsg));
 
         const QString file = dir.filePath("data.bin"_s);
         const QByteArray binary("a\r\nb\0c", 6);
@@ -166,13 +160,11 @@ private slots:
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
-        LogCapture log;
         const QString nested = dir.filePath("a/b/c.json"_s);
         QVERIFY(sk()->writeJsonMap(nested, {{"k"_s, "v"_s}}));
         QCOMPARE(::readFile(nested), QByteArray("{\n    \"k\": \"v\"\n}\n"));
         // A folder that cannot be made: a plain file stands in its way.
         QVERIFY(!sk()->writeFile(nested + "/d"_s, "x"));
-        QVERIFY(log.contains("mkpath config file not exist"_s, QtCriticalMsg));
 
         const QString file = dir.filePath("v.json"_s);
         QVERIFY(sk()->writeJsonValue("a"_s, 1, file));
@@ -186,7 +178,6 @@ private slots:
         QVERIFY(!sk()->writeJsonValue("a"_s, 1, file));
         QCOMPARE(::readFile(file), QByteArray("[1, 2]"));
         QVERIFY(!sk()->writeJsonValue("a"_s, 1, dir.filePath("no/such/folder.json"_s)));
-        QVERIFY(log.contains("not exist file"_s, QtCriticalMsg));
     }
 
     // Without a root of its own, HKLM goes to the machine-wide folder when this
