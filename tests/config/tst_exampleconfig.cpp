@@ -7,10 +7,8 @@
 #include "installer/installer.h"
 #include "manager/ptrmanager.h"
 #include "platform/skglobal.h"
-#include "plugins/pluginhelper.h"
 
 #include <QtCore/QTemporaryDir>
-#include <QtTest/QSignalSpy>
 
 using namespace Corbeth;
 
@@ -85,18 +83,6 @@ private slots:
         QCOMPARE(productKey.value(QStringLiteral("version")).toString(), QStringLiteral("4.2.0"));
         QCOMPARE(installer->uninstallInfo()->whiteList.size(), 3);
         QCOMPARE(install->olderSoftwareInfo.olderInstallPath, m_dir.filePath(QStringLiteral("ScanStudio")));
-    }
-
-    void examplePluginAnswers()
-    {
-        PluginHelper *plugins = PtrManager::instance()->pluginHelper().data();
-        QSignalSpy answers(plugins, &PluginHelper::pluginFinished);
-        QString id;
-        QCOMPARE(plugins->requestPlugin(QStringLiteral("diskinfo"), {{QStringLiteral("path"), m_dir.path()}}, id),
-                 CBEnum::EC_NoError);
-        QTRY_COMPARE(answers.count(), 1);
-        QCOMPARE(answers.first().at(2).toString(), id);
-        QVERIFY(answers.first().at(1).toMap().value(QStringLiteral("freeBytes")).toLongLong() > 0);
     }
 };
 

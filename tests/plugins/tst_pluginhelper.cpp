@@ -76,6 +76,7 @@ private slots:
         QCOMPARE(answers.count(), 2); // a doubled relay would have answered four times
         QCOMPARE(answers.at(0).at(0).toString(), QStringLiteral("diskinfo"));
         QCOMPARE(answers.at(0).at(2).toString(), first);
+        QVERIFY(answers.at(0).at(1).toMap().value(QStringLiteral("freeBytes")).toLongLong() > 0);
         QCOMPARE(answers.at(1).at(2).toString(), second);
         QCOMPARE(answers.at(1).at(1).toMap().value(QStringLiteral("error")).toString(),
                  QStringLiteral("no volume for path"));
