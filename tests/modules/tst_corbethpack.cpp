@@ -199,10 +199,6 @@ private slots:
         QTest::newRow("verify, damaged") << QStringList{"verify"_s, "@/damaged.tolmpkg"_s} << 1 << "ChecksumMismatch"_s;
         QTest::newRow("extract, not an archive")
             << QStringList{"extract"_s, "@/bogus.tolmpkg"_s, "-C"_s, "#"_s} << 1 << "CorruptArchive"_s;
-        QTest::newRow("verify, unsigned index, key required")
-            << QStringList{"verify"_s, "@/app.tolmpkg"_s, "--repo"_s, "@/unsigned"_s, "--module"_s, "app"_s,
-                           "--public-key"_s, "@/right.pub"_s}
-            << 1 << "SignatureInvalid"_s;
         QTest::newRow("verify, wrong key") << QStringList{"verify"_s, "@/app.tolmpkg"_s, "--repo"_s, "@/signed"_s,
                                                           "--module"_s, "app"_s, "--public-key"_s, "@/wrong.pub"_s}
                                            << 1 << "SignatureInvalid"_s;
