@@ -236,10 +236,9 @@ private slots:
             window.show();
             QVERIFY(activate(window));
             QList<int> values;
-            connect(window.findChild<QProgressBar *>("progressBar"_s), &QProgressBar::valueChanged,
-                    [&](int v) { values << v; });
             bool grabbed = false;
             connect(window.findChild<QProgressBar *>("progressBar"_s), &QProgressBar::valueChanged, [&](int v) {
+                values << v;
                 if (!grabbed && v > 50 && v < 900) {
                     grabbed = true;
                     picture(window, "5-progress"_s);
