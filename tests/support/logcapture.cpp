@@ -37,12 +37,6 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, cons
         self->m_previous(type, context, msg);
 }
 
-QList<LogCapture::Line> LogCapture::lines() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_lines;
-}
-
 void LogCapture::clear()
 {
     QMutexLocker lock(&m_mutex);

@@ -20,7 +20,6 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    QList<Line> lines() const;
     void clear();
 
     // Whether a line of this level contains the text (any level when type is -1).

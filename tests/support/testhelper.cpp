@@ -9,7 +9,6 @@
 //                       ends the whole process tree)
 //   --detach-child PATH like --spawn-child, but the child leaves for a session
 //                       of its own through a double fork (setsid)
-//   --args              print every remaining argument on a line of its own
 //   --touch PATH        create PATH (empty)
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
@@ -56,11 +55,6 @@ int main(int argc, char *argv[])
             QProcess::startDetached(QCoreApplication::applicationFilePath(),
                                     {QStringLiteral("--pidfile"), value, QStringLiteral("--sleep"), QStringLiteral("60000")});
             ++i;
-        } else if (opt == QLatin1String("--args")) {
-            for (int j = i + 1; j < args.size(); ++j)
-                std::printf("%s\n", args.at(j).toLocal8Bit().constData());
-            std::fflush(stdout);
-            return 0;
         }
     }
     return 0;
