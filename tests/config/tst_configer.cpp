@@ -63,8 +63,10 @@ private slots:
         QFETCH(bool, same);
         QSignalSpy changed(configer(), &Configer::configDataChanged);
         QCOMPARE(configer()->setConfigData(document), CBEnum::EC_NoError);
+        LogCapture log;
         QCOMPARE(configer()->setConfigData(document), CBEnum::EC_NoError);
         QCOMPARE(changed.count(), same ? 1 : 2);
+        QCOMPARE(log.contains(QStringLiteral("configdata is same")), same);
         QVERIFY(configer()->configData().contains(moduleWithE));
     }
 

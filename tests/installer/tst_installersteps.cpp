@@ -160,6 +160,7 @@ private slots:
         QVERIFY(QFile::link(path("neighbour"_s), path("src/sub/link"_s)));
         writeFile(path("src/sub/user.cfg"_s), "user settings\n");
         writeFile(path("single.txt"_s), "listed and white-listed");
+        LogCapture logs;
         QVERIFY(m_installer.removeFiles({"${installPath}/src"_s, "${installPath}/single.txt"_s, "${installPath}/gone"_s},
                                         {"${installPath}/src/sub/user.cfg"_s, "${installPath}/single.txt"_s,
                                          "${installPath}/absent"_s}));
@@ -168,6 +169,7 @@ private slots:
         QCOMPARE(readFile(path("single.txt"_s)), QByteArray("listed and white-listed"));
         QCOMPARE(readFile(path("neighbour/keep.txt"_s)), QByteArray("neighbour"));
         QVERIFY(!QFileInfo::exists(path("src/sub/link"_s)));
+        QVERIFY(logs.contains("remove file erorr"_s));
     }
 
     // System trees and every home are refused; an application's own folder
@@ -238,7 +240,9 @@ private slots:
     void splitArguments()
     {
         QFETCH(QString, line);
+        LogCapture logs;
         QTEST(Installer::splitArguments(line), "args");
+        QVERIFY(logs.contains("split sapce"_s));
     }
 
     void processExe_data()
@@ -273,7 +277,9 @@ private slots:
         installer.advanceProgress(80, 80);
         installer.advanceProgress(30, 70); // above the ceiling: never goes back
         installer.advanceProgress(30, 85); // capped
+        LogCapture logs;
         installer.advanceProgress(15, 85); // at the ceiling
+        QVERIFY(logs.contains("progress not changed"_s, QtWarningMsg));
         installer.advanceProgress(14, 99);
         installer.advanceProgress(1, 100); // 99 stops
         QCOMPARE(installer.currentProgress(), 99.0);
@@ -436,7 +442,9 @@ private slots:
     {
         const QString dir = m_dir.filePath("packages"_s);
         writeFile(dir + "/a.tolmpkg.verify"_s, "digest");
+        LogCapture logs;
         QCOMPARE(Installer::latestPackage(dir), QString());
+        QVERIFY(logs.contains("No .tolmpkg files found in"_s));
         writeFile(dir + "/b.tolmpkg"_s, "new");
         writeFile(dir + "/a.tolmpkg"_s, "old");
         QFile older(dir + "/a.tolmpkg"_s);

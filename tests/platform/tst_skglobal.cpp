@@ -133,16 +133,34 @@ private slots:
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
+        LogCapture log;
         QByteArray content("kept");
         for (const QString &path : {QString(), dir.filePath("missing"_s), dir.path()})
             QVERIFY2(!sk()->readFile(path, content), qPrintable(path));
         QCOMPARE(content, QByteArray("kept"));
+        QVERIFY(log.contains("config file not exist"_s, QtCriticalMsg));
+        QVERIFY(log.contains("config file open fail"_s, QtCriticalMsg));
 
         const QString file = dir.filePath("data.bin"_s);
         const QByteArray binary("a\r\nb\0c", 6);
         QVERIFY(writeFile(file, binary));
         QVERIFY(sk()->readFile(file, content));
         QCOMPARE(content, binary);
+    }
+
+    // A parsed but empty document (or an array) replaces the map before it is refused.
+    void readJsonMapEmptiesTheMapOnAnEmptyDocument()
+    {
+        QTemporaryDir dir;
+        const QString file = dir.filePath("config.json"_s);
+        LogCapture log;
+        for (const QByteArray &json : {QByteArray("{}"), QByteArray("[1]")}) {
+            QVERIFY(writeFile(file, json));
+            QVariantMap read{{"old"_s, 1}};
+            QVERIFY(!sk()->readJsonMap(file, read));
+            QCOMPARE(read, QVariantMap());
+        }
+        QCOMPARE(log.count("config file parse json error"_s, QtCriticalMsg), 2);
     }
 
     void readJsonObject()
@@ -160,11 +178,13 @@ private slots:
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
+        LogCapture log;
         const QString nested = dir.filePath("a/b/c.json"_s);
         QVERIFY(sk()->writeJsonMap(nested, {{"k"_s, "v"_s}}));
         QCOMPARE(::readFile(nested), QByteArray("{\n    \"k\": \"v\"\n}\n"));
         // A folder that cannot be made: a plain file stands in its way.
         QVERIFY(!sk()->writeFile(nested + "/d"_s, "x"));
+        QVERIFY(log.contains("mkpath config file not exist"_s, QtCriticalMsg));
 
         const QString file = dir.filePath("v.json"_s);
         QVERIFY(sk()->writeJsonValue("a"_s, 1, file));
@@ -178,6 +198,7 @@ private slots:
         QVERIFY(!sk()->writeJsonValue("a"_s, 1, file));
         QCOMPARE(::readFile(file), QByteArray("[1, 2]"));
         QVERIFY(!sk()->writeJsonValue("a"_s, 1, dir.filePath("no/such/folder.json"_s)));
+        QVERIFY(log.contains("not exist file"_s, QtCriticalMsg));
     }
 
     // Without a root of its own, HKLM goes to the machine-wide folder when this

@@ -73,27 +73,31 @@ private slots:
         QTest::addColumn<QByteArray>("output");
         QTest::addColumn<bool>("result");
         QTest::addColumn<Blocks>("maps");
+        QTest::addColumn<int>("skippedLines");
         // Several blocks of one class are read by powerShellInventory.
         QTest::newRow("padded keys and an empty value")
             << QByteArray("\r\nNumber Of Cores   : 4\r\nStatus            : \r\n") << true
-            << Blocks{{{"NumberOfCores"_s, "4"_s}, {"Status"_s, QString()}}};
+            << Blocks{{{"NumberOfCores"_s, "4"_s}, {"Status"_s, QString()}}} << 0;
         // PowerShell wraps a long value onto an indented line without ": ".
         QTest::newRow("wrapped line") << QByteArray("\r\n\r\nName    : A very long controller name that\r\n"
                                                     "          wraps onto a second line\r\nDriverVersion : 1.0\r\n\r\n")
                                       << true
                                       << Blocks{{{"Name"_s, "A very long controller name that"_s},
-                                                 {"DriverVersion"_s, "1.0"_s}}};
+                                                 {"DriverVersion"_s, "1.0"_s}}}
+                                      << 1;
         QTest::newRow("value holding the separator")
-            << QByteArray("Name : a: b\r\nSpeed : 1\r\n") << true << Blocks{{{"Speed"_s, "1"_s}}};
-        QTest::newRow("empty output") << QByteArray() << false << Blocks();
+            << QByteArray("Name : a: b\r\nSpeed : 1\r\n") << true << Blocks{{{"Speed"_s, "1"_s}}} << 1;
+        QTest::newRow("empty output") << QByteArray() << false << Blocks() << 0;
     }
 
     void listOutputToMaps()
     {
         QFETCH(QByteArray, output);
+        LogCapture log;
         Blocks parsed;
         QTEST(SystemInfo::listOutputToMaps(output, parsed), "result");
         QTEST(parsed, "maps");
+        QTEST(log.count("error key value"_s, QtCriticalMsg), "skippedLines");
     }
 
     void powerShellInventory_data()
