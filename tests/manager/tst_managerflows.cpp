@@ -428,6 +428,8 @@ private slots:
         QCOMPARE(client.manager.setConfigData({{"install"_s, QVariantMap()}}), CBEnum::EC_NoError);
         QCOMPARE(client.manager.initRemote(), CBEnum::EC_ConfigDataError);
         QVERIFY(log.contains("vlcfg is empty"_s, QtCriticalMsg));
+        QString id; // a plug-in that does not exist, through the one-argument form and the full one
+        QCOMPARE(client.manager.requestPlugin("nothing"_s), client.manager.requestPlugin("nothing"_s, {}, id));
     }
 };
 

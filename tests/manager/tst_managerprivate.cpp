@@ -41,6 +41,16 @@ class tst_ManagerPrivate : public QObject
     }
 
 private slots:
+    // Setting the status it already has sends nothing.
+    void sameStatusIsNotSentAgain()
+    {
+        Manager manager;
+        QSignalSpy spy(&manager, &Manager::taskStatusChanged);
+        ManagerPrivate::get(&manager)->setTaskStatus(CBEnum::TS_Downloading);
+        ManagerPrivate::get(&manager)->setTaskStatus(CBEnum::TS_Downloading);
+        QCOMPARE(spy.count(), 1);
+    }
+
     void weights_data()
     {
         QTest::addColumn<int>("operation");

@@ -35,6 +35,13 @@ private slots:
         QVERIFY(PackTool::makePackage(m_work.filePath("source"_s), m_package));
     }
 
+    // The service's time-out and its other errors reach the client as two codes.
+    void toErrorCode()
+    {
+        QCOMPARE(Vindaler::toErrorCode(Vindal::Error::Timeout), CBEnum::EC_Timeout);
+        QCOMPARE(Vindaler::toErrorCode(1), CBEnum::EC_UnknownNetworkError);
+    }
+
     void noServiceNoDownload_data()
     {
         QTest::addColumn<QString>("repository"); // empty: never configured
