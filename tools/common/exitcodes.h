@@ -1,5 +1,5 @@
-#ifndef CORBETH_SETUP_EXITCODES_H
-#define CORBETH_SETUP_EXITCODES_H
+#ifndef CORBETH_TOOLS_EXITCODES_H
+#define CORBETH_TOOLS_EXITCODES_H
 
 #include <corbeth/cbenum.h>
 
@@ -32,4 +32,4 @@ inline int fromError(Corbeth::CBEnum::ErrorCode code)
 
 } // namespace CorbethExit
 
-#endif // CORBETH_SETUP_EXITCODES_H
+#endif // CORBETH_TOOLS_EXITCODES_H

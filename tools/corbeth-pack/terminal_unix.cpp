@@ -1,8 +1,0 @@
-#include "terminal.h"
-
-#include <unistd.h>
-
-bool isTerminal(std::FILE *stream)
-{
-    return ::isatty(::fileno(stream)) == 1;
-}
