@@ -3,6 +3,7 @@
 // hand is exactly what the engine does.
 //
 // Exit codes: 0 success, 1 the operation failed, 2 the command line is wrong.
+#include "formatbytes.h"
 #include "progressprinter.h"
 
 #include <vindal/manager.h>
@@ -182,7 +183,7 @@ int create(const QStringList &arguments)
         outcome = Vindal::Package::writeVerifyFile(package);
     if (!outcome)
         return fail(command, outcome);
-    printLine(stdout, QStringLiteral("created %1 (%2)").arg(package, ProgressPrinter::formatBytes(QFileInfo(package).size())));
+    printLine(stdout, QStringLiteral("created %1 (%2)").arg(package, formatBytes(QFileInfo(package).size())));
     return ExitSuccess;
 }
 

@@ -1,5 +1,6 @@
 #include "progressprinter.h"
 
+#include "formatbytes.h"
 #include "terminal.h"
 
 #include <cstdio>
@@ -53,20 +54,6 @@ void ProgressPrinter::finish()
     draw();
     std::fputc('\n', stderr);
     std::fflush(stderr);
-}
-
-QString ProgressPrinter::formatBytes(qint64 bytes)
-{
-    static const char *const units[] = {"KiB", "MiB", "GiB", "TiB"};
-    if (bytes < 1024)
-        return QStringLiteral("%1 B").arg(bytes);
-    double value = double(bytes) / 1024.0;
-    int unit = 0;
-    while (value >= 1024.0 && unit < 3) {
-        value /= 1024.0;
-        ++unit;
-    }
-    return QStringLiteral("%1 %2").arg(value, 0, 'f', 1).arg(QLatin1String(units[unit]));
 }
 
 void ProgressPrinter::draw()

@@ -23,9 +23,6 @@ public:
     // Draws the last state and ends the line; later updates are ignored.
     void finish();
 
-    // "1.5 MiB", "812 B".
-    static QString formatBytes(qint64 bytes);
-
 private:
     void draw();
 

@@ -29,21 +29,10 @@ void printError(const QString &line)
     std::fprintf(stderr, "corbeth-setup: %s\n", qPrintable(line));
 }
 
-// Without a window nobody can press Cancel, so endless download retries get an end.
-void boundRetries(Manager &manager)
-{
-    QVariantMap config = manager.configData();
-    QVariantMap download = config.value(QStringLiteral("download")).toMap();
-    if (download.contains(QStringLiteral("retryRounds")))
-        return;
-    download.insert(QStringLiteral("retryRounds"), 3);
-    config.insert(QStringLiteral("download"), download);
-    manager.setConfigData(config);
-}
-
 int runSilent(Manager &manager, const ProductInfo &product, const SetupOptions &options, const QString &package)
 {
-    boundRetries(manager);
+    // Without a window nobody can press Cancel.
+    SetupTask::boundRetries(manager, 3);
     if (!options.additions.isEmpty() && !manager.setCurrentAddtions(options.additions)) {
         printError(QStringLiteral("unknown addition among %1 (known: %2)")
                        .arg(options.additions.join(QLatin1Char(',')), product.additions.join(QLatin1Char(','))));

@@ -1,5 +1,5 @@
-#ifndef CORBETH_SETUP_SETUPTASK_H
-#define CORBETH_SETUP_SETUPTASK_H
+#ifndef CORBETH_TOOLS_SETUPTASK_H
+#define CORBETH_TOOLS_SETUPTASK_H
 
 #include <corbeth/manager.h>
 
@@ -11,8 +11,8 @@
 
 namespace Corbeth {
 
-// One install, update or uninstall driven through the Manager, as the window
-// and the silent mode both need it: one bar from 0 to 100 over every step, the
+// One install, update or uninstall driven through the Manager, as the window,
+// its silent mode and the command-line installer all need it: one bar from 0 to 100 over every step, the
 // stage, the transfer figures, and exactly one of succeeded, failed or
 // cancelled at the end.
 class SetupTask : public QObject
@@ -33,8 +33,15 @@ public:
     void cancel();
     bool isRunning() const { return m_state == Running || m_state == Cancelling; }
 
+    // The operation an uninstall runs, "uninstall" unless set.
+    void setUninstallFlow(const QString &flow) { m_uninstallFlow = flow; }
+
     // A short readable name of a task status ("Downloading").
     static QString stageName(uint status);
+    // Gives the engine's endless download retries an end (rounds of them),
+    // unless the configuration already sets one: a program nobody watches
+    // must stop on its own.
+    static void boundRetries(Manager &manager, int rounds);
 
 signals:
     void progress(double percent);
@@ -64,6 +71,7 @@ private:
     Kind m_kind = Install;
     QString m_path;
     QString m_package;
+    QString m_uninstallFlow = QStringLiteral("uninstall");
     std::unique_ptr<QTemporaryDir> m_downloadDir;
     uint m_status = CBEnum::TS_Freeing;
     double m_shown = 0;
@@ -72,4 +80,4 @@ private:
 
 } // namespace Corbeth
 
-#endif // CORBETH_SETUP_SETUPTASK_H
+#endif // CORBETH_TOOLS_SETUPTASK_H

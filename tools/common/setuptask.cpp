@@ -84,7 +84,7 @@ void SetupTask::run()
         break;
     case Uninstall: {
         enter(RunUninstall);
-        const bool ok = m_manager->uninstallPackage(QStringLiteral("uninstall"));
+        const bool ok = m_manager->uninstallPackage(m_uninstallFlow);
         if (m_state == Cancelling)
             finish();
         else if (m_state == Running)
@@ -228,6 +228,17 @@ void SetupTask::finish(CBEnum::ErrorCode code)
             emit progress(m_shown = 100);
         emit succeeded();
     }
+}
+
+void SetupTask::boundRetries(Manager &manager, int rounds)
+{
+    QVariantMap config = manager.configData();
+    QVariantMap download = config.value(QStringLiteral("download")).toMap();
+    if (download.contains(QStringLiteral("retryRounds")))
+        return;
+    download.insert(QStringLiteral("retryRounds"), rounds);
+    config.insert(QStringLiteral("download"), download);
+    manager.setConfigData(config);
 }
 
 QString SetupTask::stageName(uint status)
