@@ -238,6 +238,11 @@ void SetupTask::boundRetries(Manager &manager, int rounds)
         return;
     download.insert(QStringLiteral("retryRounds"), rounds);
     config.insert(QStringLiteral("download"), download);
+    // The stored copy holds the sections the document lacked as nulls; sent
+    // back as they are, a null "downloadModueleInfo" would hide the
+    // "downloadModuleInfo" the document has.
+    for (auto it = config.begin(); it != config.end();)
+        it = it.value().isNull() ? config.erase(it) : std::next(it);
     manager.setConfigData(config);
 }
 
