@@ -130,7 +130,7 @@ bool Command::configure(bool online)
     if (online) {
         const CBEnum::ErrorCode remote = m_manager.initRemote();
         if (remote != CBEnum::EC_NoError) {
-            fail(remote, QStringLiteral("no repository (\"velmira\") in the configuration %1").arg(m_options.config));
+            fail(remote, QStringLiteral("the repository (\"velmira\") is missing or refused in the configuration %1").arg(m_options.config));
             return false;
         }
     }
@@ -349,9 +349,13 @@ void Command::finish(int exitCode)
     // Lookups and the inventory are no tasks: they have no bar to complete.
     if (exitCode == CorbethExit::Success && m_phase != Idle && m_phase != Hardware && m_phase != Plugin)
         m_reporter->progress(100);
-    const QString outcome = exitCode == CorbethExit::Success ? QStringLiteral("succeeded")
-        : exitCode == CorbethExit::Cancelled                 ? QStringLiteral("cancelled")
-                                                             : QStringLiteral("failed");
-    m_reporter->summary(m_options.name, exitCode, outcome);
-    emit done(exitCode);
+    // The summary comes last: the engine's finished() may still be on its way
+    // to the other receivers of the signal that ended the task.
+    QTimer::singleShot(0, this, [this, exitCode] {
+        const QString outcome = exitCode == CorbethExit::Success ? QStringLiteral("succeeded")
+            : exitCode == CorbethExit::Cancelled                 ? QStringLiteral("cancelled")
+                                                                 : QStringLiteral("failed");
+        m_reporter->summary(m_options.name, exitCode, outcome);
+        emit done(exitCode);
+    });
 }

@@ -79,7 +79,8 @@ void Reporter::status(uint status)
         break;
     case Plain:
         if (status != CBEnum::TS_Finished)
-            std::fprintf(stderr, "%s\n", qPrintable(stageLabel()));
+            std::fprintf(stdout, "%s\n", qPrintable(stageLabel()));
+        std::fflush(stdout);
         break;
     case Terminal:
         if (status != CBEnum::TS_Finished && status != CBEnum::TS_Aborted)
@@ -104,7 +105,8 @@ void Reporter::progress(double percent)
         const int step = int(percent / 10);
         if (step > m_lastPlainStep && step > 0) {
             m_lastPlainStep = step;
-            std::fprintf(stderr, "%3d%%\n", step * 10);
+            std::fprintf(stdout, "%3d%%\n", step * 10);
+            std::fflush(stdout);
         }
         break;
     }

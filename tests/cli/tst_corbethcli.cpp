@@ -1,0 +1,332 @@
+// corbeth run as a real process, the way a script or a CI job runs it: a
+// product's whole life from a file:// repository and from nginx, the exit
+// code and one clear line of each failure, Ctrl-C during a download, and the
+// bar on a pseudo-terminal.
+#include "packtool.h"
+#include "testmain.h"
+
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QProcess>
+#include <QtCore/QSettings>
+#include <QtCore/QStandardPaths>
+#include <QtCore/QTemporaryDir>
+#include <QtCore/QUrl>
+
+#include <csignal>
+
+using namespace VindalTest;
+
+namespace {
+
+// The product: bin/demo and data/changes.txt; the install links the program
+// and records its folder, the update copies the changes, the patch replaces
+// the program, the uninstall removes it all.
+const char kConfig[] = R"({
+  "velmira": {"repository": "%1", "retries": 0, "stallTimeout": 5},
+  "downloadModuleInfo": {"module": "demo"},
+  "download": {"retryInterval": 1},
+  "install": {
+    "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk"}],
+    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}"}},
+    "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest", "key": "installPath"}}
+  },
+  "update": {"coverFiles": [{"src": "${installPath}/data/changes.txt", "dest": "${installPath}/CHANGES.txt"}]},
+  "updatePatch": {"coverFiles": [{"src": "%2/patch/demo", "dest": "${installPath}/bin/demo"}]},
+  "uninstall": {
+    "removeFiles": ["${installPath}", "%2/links/Demo.lnk"],
+    "removeSettings": ["HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest"]
+  },
+  "additions": {"samples": {"install": {}}}
+})";
+
+struct Run
+{
+    int exitCode = -1;
+    QByteArray out;
+    QString err;
+};
+
+// Every line is one JSON object, the bar never goes back, a completed task
+// ends at 100 and the summary is the last line with the exit code.
+bool eventsAreSound(const QByteArray &out, int exitCode, QString &why)
+{
+    const QList<QByteArray> lines = out.trimmed().split('\n');
+    double last = -1;
+    for (const QByteArray &line : lines) {
+        QJsonParseError error{};
+        const QJsonObject event = QJsonDocument::fromJson(line, &error).object();
+        if (error.error != QJsonParseError::NoError || event.value("event"_s).toString().isEmpty()) {
+            why = "not an event: "_s + QString::fromUtf8(line);
+            return false;
+        }
+        if (event.value("event"_s) == "progress"_s) {
+            const double percent = event.value("percent"_s).toDouble();
+            if (percent < last) {
+                why = "progress went back: %1 after %2"_s.arg(percent).arg(last);
+                return false;
+            }
+            last = percent;
+        }
+    }
+    const QJsonObject summary = QJsonDocument::fromJson(lines.last()).object();
+    if (summary.value("event"_s) != "summary"_s || summary.value("exitCode"_s).toInt() != exitCode) {
+        why = "last line: "_s + QString::fromUtf8(lines.last());
+        return false;
+    }
+    if (exitCode == 0 && last != 100) {
+        why = "progress ended at %1"_s.arg(last);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+class tst_CorbethCli : public QObject
+{
+    Q_OBJECT
+
+    // A space in the path, as a user's folder may have.
+    QTemporaryDir m_work{QDir::tempPath() + "/corbeth cli XXXXXX"_s};
+    QString m_package;
+    Nginx m_nginx;
+    int m_repos = 0;
+
+    QString path(const QString &relative) const { return m_work.filePath(relative); }
+
+    Run corbeth(const QStringList &arguments)
+    {
+        QProcess process;
+        process.start(QStringLiteral(CORBETH_CLI), arguments);
+        if (!process.waitForFinished(120000)) {
+            process.kill();
+            process.waitForFinished();
+        }
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                process.readAllStandardOutput(), QString::fromLocal8Bit(process.readAllStandardError())};
+    }
+
+    // A fresh repository with the package as 1.0.0 and a configuration for it
+    // (for repository when given).
+    QString configure(const QString &name, bool served, const QString &repository = QString(), QString *repo = nullptr)
+    {
+        const QString folder = served ? m_nginx.www + "/cli-%1-%2"_s.arg(QCoreApplication::applicationPid()).arg(++m_repos)
+                                      : path("repo-"_s + name);
+        if (!PackTool::ok({"publish"_s, m_package, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "1.0.0"_s}))
+            return QString();
+        const QString url = !repository.isEmpty() ? repository
+            : served ? "http://127.0.0.1:%1/%2/"_s.arg(m_nginx.http).arg(QFileInfo(folder).fileName())
+                     : QUrl::fromLocalFile(folder).toString();
+        if (repo)
+            *repo = folder;
+        const QString config = path(name + ".json"_s);
+        return writeFile(config, QString::fromUtf8(kConfig).arg(url, m_work.path()).toUtf8()) ? config : QString();
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_work.isValid());
+        const QString source = path("source"_s);
+        QVERIFY(writeFile(source + "/bin/demo"_s, "demo 1.0"));
+        QVERIFY(writeFile(source + "/data/changes.txt"_s, "changes 1.0"));
+        QVERIFY(writeFile(source + "/data/blob.bin"_s, pseudoRandom(2 << 20, 3)));
+        // The uninstall runs the cleanup tool from outside the install folder.
+        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), source + "/corbeth-cleanup"_s));
+        m_package = path("demo.tolmpkg"_s);
+        QVERIFY(PackTool::ok({"create"_s, source, "-o"_s, m_package}));
+        QVERIFY(writeFile(path("patch/demo"_s), "demo 1.0.1"));
+        m_nginx.load();
+    }
+
+    void lifecycle_data()
+    {
+        QTest::addColumn<bool>("served");
+        QTest::newRow("file://") << false;
+        QTest::newRow("nginx") << true;
+    }
+
+    // Install, update, patch, download and uninstall, each checked on the
+    // machine and in its events.
+    void lifecycle()
+    {
+        QFETCH(bool, served);
+        if (served && !m_nginx.http)
+            QSKIP("the nginx fixture is not running");
+        SettingsSandbox store;
+        const QString name = served ? "served"_s : "local"_s;
+        QString folder;
+        const QString config = configure(name, served, QString(), &folder);
+        QVERIFY(!config.isEmpty());
+        const QString inst = path(name + "/inst"_s);
+        const QSettings recorded(store.path() + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat);
+        const auto step = [&](const QStringList &arguments) {
+            const Run run = corbeth(arguments + QStringList{"--config"_s, config, "--json"_s});
+            QString why;
+            const bool sound = run.exitCode == 0 && eventsAreSound(run.out, 0, why);
+            why += QString::fromUtf8(run.out);
+            if (!sound)
+                qWarning().noquote() << arguments << run.exitCode << why << run.err;
+            return sound;
+        };
+
+        QVERIFY(step({"install"_s, "--path"_s, inst, "--addition"_s, "samples"_s}));
+        QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
+        QCOMPARE(QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget(), inst + "/bin/demo"_s);
+        QCOMPARE(QSettings(recorded.fileName(), QSettings::IniFormat).value("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), inst);
+        QVERIFY(!QFile::exists(inst + "/arvenorDownloadCache"_s));
+
+        // Version 2 differs in the file the update copies; the install folder
+        // is found through the settings store.
+        QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 2.0"));
+        const QString package2 = path(name + "-2.tolmpkg"_s);
+        QVERIFY(PackTool::ok({"create"_s, path("source"_s), "-o"_s, package2}));
+        QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 1.0"));
+        QVERIFY(PackTool::ok({"publish"_s, package2, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s}));
+        QVERIFY(step({"update"_s}));
+        QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
+
+        QVERIFY(step({"patch"_s}));
+        QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0.1"));
+
+        QVERIFY(step({"download"_s, "--path"_s, path(name + "/offline"_s)}));
+        const QStringList offline = QDir(path(name + "/offline"_s)).entryList(QDir::Files);
+        QCOMPARE(offline.filter(".verify"_s).size(), 1);
+        QVERIFY(step({"uninstall"_s}));
+        QVERIFY(!QFile::exists(inst));
+        QVERIFY(!QFileInfo(path("links/Demo.lnk"_s)).isSymLink());
+        QVERIFY(!QSettings(recorded.fileName(), QSettings::IniFormat).contains("SOFTWARE/Corbeth/CliTest/installPath"_s));
+    }
+
+    void failures_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("said");
+        const QString inst = path("failed"_s);
+        const QString config = configure("failures"_s, false);
+        const QString unreachable = configure("unreachable"_s, false, QUrl::fromLocalFile(path("nowhere"_s)).toString());
+        QVERIFY(writeFile(path("malformed.json"_s), "{ \"install\": "));
+        QVERIFY(writeFile(path("norepository.json"_s), "{ \"install\": {} }"));
+        QVERIFY(QDir().mkpath(path("tampered"_s)));
+        QVERIFY(QFile::exists(path("tampered/demo.tolmpkg"_s)) || QFile::copy(m_package, path("tampered/demo.tolmpkg"_s)));
+        QVERIFY(writeFile(path("tampered/demo.tolmpkg.verify"_s), "0123456789abcdef0123456789abcdef"));
+
+        QTest::newRow("unknown command") << QStringList{"instal"_s} << 2 << "instal"_s;
+        QTest::newRow("no configuration given") << QStringList{"install"_s, "--path"_s, inst} << 2 << "--config"_s;
+        QTest::newRow("missing configuration")
+            << QStringList{"install"_s, "--config"_s, path("none.json"_s), "--path"_s, inst} << 15 << "EC_FileNotOpen"_s;
+        QTest::newRow("malformed configuration")
+            << QStringList{"install"_s, "--config"_s, path("malformed.json"_s), "--path"_s, inst} << 15 << "malformed.json"_s;
+        QTest::newRow("no repository in it")
+            << QStringList{"install"_s, "--config"_s, path("norepository.json"_s), "--path"_s, inst} << 20 << "EC_ConfigDataError"_s;
+        QTest::newRow("unknown addition")
+            << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--addition"_s, "nosuch"_s} << 2 << "nosuch"_s;
+        QTest::newRow("unreachable repository")
+            << QStringList{"install"_s, "--config"_s, unreachable, "--path"_s, inst, "--retry-rounds"_s, "1"_s}
+            << 11 << "EC_UnknownNetworkError"_s;
+        QTest::newRow("tampered package")
+            << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--package"_s, path("tampered/demo.tolmpkg"_s)}
+            << 19 << "EC_VerifyFailed"_s;
+        QTest::newRow("tampered package, verify")
+            << QStringList{"verify"_s, path("tampered/demo.tolmpkg"_s)} << 19 << "tampered/demo.tolmpkg"_s;
+    }
+
+    // Each failure: its documented exit code and one line that says what
+    // failed; with --json an error event and the summary last.
+    void failures()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, said);
+        const Run plain = corbeth(arguments);
+        QCOMPARE(plain.exitCode, exitCode);
+        QCOMPARE(plain.err.trimmed().count(QLatin1Char('\n')), 0);
+        QVERIFY2(plain.err.contains(said), qPrintable(plain.err));
+        QVERIFY(plain.err.startsWith("corbeth: "_s));
+        // Not on a terminal: no control characters for a log to hold.
+        QVERIFY(!plain.err.contains(QLatin1Char('\r')) && !plain.err.contains(QLatin1Char('\033')));
+
+        const Run json = corbeth(arguments + QStringList{"--json"_s});
+        QCOMPARE(json.exitCode, exitCode);
+        if (json.out.isEmpty()) // the command line itself was wrong
+            return;
+        QString why;
+        QVERIFY2(eventsAreSound(json.out, exitCode, why), qPrintable(why));
+        QVERIFY2(json.out.contains("\"event\":\"error\""), json.out.constData());
+    }
+
+    void interrupt_data()
+    {
+        QTest::addColumn<int>("interrupts");
+        QTest::newRow("Ctrl-C revokes the download") << 1;
+        QTest::newRow("a second Ctrl-C ends at once") << 2;
+    }
+
+    // SIGINT while the package trickles in: exit code 130 and nothing left running.
+    void interrupt()
+    {
+        QFETCH(int, interrupts);
+        FaultServer faults;
+        QVERIFY(faults.start(path("repo-failures"_s)));
+        const QString config = configure("interrupt"_s, false, faults.url("drip"_s));
+        QProcess process;
+        process.start(QStringLiteral(CORBETH_CLI),
+                      {"install"_s, "--config"_s, config, "--path"_s, path("interrupted"_s), "--json"_s});
+        QVERIFY(process.waitForStarted());
+        QByteArray out;
+        QVERIFY(QTest::qWaitFor([&] {
+            out += process.readAllStandardOutput();
+            return out.contains("TS_Downloading");
+        }, 20000));
+        const qint64 pid = process.processId();
+        for (int i = 0; i < interrupts; ++i)
+            ::kill(pid_t(pid), SIGINT);
+        QVERIFY(process.waitForFinished(20000));
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process.exitCode(), 130);
+        QCOMPARE(::kill(pid_t(pid), 0), -1);
+        if (interrupts == 1) {
+            out += process.readAllStandardOutput();
+            QString why;
+            QVERIFY2(eventsAreSound(out, 130, why), qPrintable(why));
+            QVERIFY(out.contains("TS_Aborted"));
+        }
+    }
+
+    // On a terminal the bar is one line redrawn in place within the width,
+    // and the line after it starts clean.
+    void terminalBar()
+    {
+        const QString script = QStandardPaths::findExecutable("script"_s);
+        if (script.isEmpty())
+            QSKIP("script (util-linux) is not installed");
+        SettingsSandbox store;
+        const QString config = configure("terminal"_s, false);
+        const auto quoted = [](const QString &text) { return QLatin1Char('\'') + text + QLatin1Char('\''); };
+        const QString command = QStringList{quoted(QStringLiteral(CORBETH_CLI)), "install"_s, "--config"_s, quoted(config),
+                                            "--path"_s, quoted(path("terminal/inst"_s))}
+                                    .join(QLatin1Char(' '));
+        QProcess process;
+        process.start(script, {"-qfec"_s, command, "/dev/null"_s});
+        QVERIFY(process.waitForFinished(60000));
+        QCOMPARE(process.exitCode(), 0);
+        const QByteArray output = process.readAllStandardOutput();
+        const int summary = output.indexOf("install: done in");
+        QVERIFY2(summary > 0, output.constData());
+        const QByteArray bar = output.left(summary);
+        // Redrawn: several states on one line, no line break until the end.
+        QVERIFY2(bar.count('\r') >= 3, bar.constData());
+        QVERIFY(bar.endsWith("\r\n"));
+        QCOMPARE(bar.count('\n'), 1);
+        for (const QByteArray &state : bar.split('\r')) {
+            const QByteArray text = QByteArray(state).replace("\033[K", "").trimmed();
+            QVERIFY2(text.size() < 80, text.constData());
+        }
+        QVERIFY(bar.contains("100%"));
+    }
+};
+
+CORBETH_TEST_MAIN(tst_CorbethCli)
+#include "tst_corbethcli.moc"
