@@ -113,7 +113,7 @@ check "the patch/ folder is removed" '[[ ! -e $inst/patch ]]'
 step "corbeth hardware"
 "$corbeth" hardware
 
-step "the same, as JSON events for other programs (corbeth verify --json)"
+step "a package checked, as JSON events for other programs (corbeth verify --json)"
 "$corbeth" verify "$work/demo-2.0.0.tolmpkg" --json
 
 step "corbeth uninstall, as the uninstall entry says: $(setting HKEY_LOCAL_MACHINE "$entry" UninstallString)"

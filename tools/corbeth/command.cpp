@@ -64,9 +64,7 @@ Command::Command(Options options, Reporter *reporter, QObject *parent)
             [this](qint64 received, qint64 total, double rate) { m_reporter->transfer(received, total, rate); });
     connect(&m_task, &SetupTask::succeeded, this, [this] { finish(CorbethExit::Success); });
     connect(&m_task, &SetupTask::cancelled, this, [this] { finish(CorbethExit::Cancelled); });
-    connect(&m_task, &SetupTask::failed, this, [this](CBEnum::ErrorCode code) {
-        fail(code, QStringLiteral("%1 failed at %2").arg(m_options.name, where()));
-    });
+    connect(&m_task, &SetupTask::failed, this, [this](CBEnum::ErrorCode code) { fail(code, failure(code)); });
 }
 
 void Command::start()
@@ -102,6 +100,21 @@ QString Command::where()
     if (online)
         return m_manager.configData().value(QStringLiteral("velmira")).toMap().value(QStringLiteral("repository")).toString();
     return m_manager.installPath();
+}
+
+QString Command::failure(CBEnum::ErrorCode code)
+{
+    const char *reason = nullptr;
+    switch (code) {
+    case CBEnum::EC_Timeout:
+    case CBEnum::EC_UnknownNetworkError:
+    case CBEnum::EC_NetworkError_FileDownloadedError: reason = "cannot download from"; break;
+    case CBEnum::EC_VerifyFailed: reason = "the package does not match its .verify:"; break;
+    case CBEnum::EC_FileNotOpen: reason = "cannot open"; break;
+    case CBEnum::EC_SoftwarePathError: reason = "no usable install folder:"; break;
+    default: return QStringLiteral("%1 failed at %2").arg(m_options.name, where());
+    }
+    return QStringLiteral("%1 failed: %2 %3").arg(m_options.name, QLatin1String(reason), where());
 }
 
 bool Command::configure(bool online)
@@ -286,7 +299,7 @@ void Command::onError(CBEnum::ErrorCode code)
     }
     // The engine stays parked on its failed step until it is released.
     QTimer::singleShot(0, &m_manager, [manager = &m_manager] { manager->revocateInstall(); });
-    fail(code, QStringLiteral("%1 failed at %2").arg(m_options.name, where()));
+    fail(code, failure(code));
 }
 
 void Command::onFinished()

@@ -59,6 +59,8 @@ private:
     void fail(Corbeth::CBEnum::ErrorCode code, const QString &message);
     void finish(int exitCode);
     QString where();
+    // The error line's text for a code the engine reported.
+    QString failure(Corbeth::CBEnum::ErrorCode code);
 
     Options m_options;
     Reporter *m_reporter;

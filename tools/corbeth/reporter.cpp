@@ -124,7 +124,8 @@ void Reporter::transfer(qint64 received, qint64 total, double bytesPerSecond)
     if (m_mode == Json)
         emitJson({{QStringLiteral("event"), QStringLiteral("transfer")},
                   {QStringLiteral("received"), received},
-                  {QStringLiteral("total"), total}});
+                  {QStringLiteral("total"), total},
+                  {QStringLiteral("bytesPerSecond"), std::round(bytesPerSecond)}});
 }
 
 void Reporter::drawBar(bool force)
