@@ -28,13 +28,10 @@ corbeth=$PWD/$build/tools/corbeth/corbeth
 pack=$PWD/$build/tools/corbeth-pack/corbeth-pack
 cleanup_tool=$PWD/$build/tools/corbeth-cleanup/corbeth-cleanup
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/corbeth-demo.XXXXXX")
-nginx_pid=
-cleanup() {
-    [[ -n $nginx_pid ]] && kill "$nginx_pid" 2>/dev/null && wait "$nginx_pid" 2>/dev/null
-    [[ -n ${KEEP:-} ]] || rm -rf "$work"
-}
-trap cleanup EXIT
+# The work folder, and nginx with --serve, go when the script ends.
+# shellcheck source=../bench/serve.sh
+source bench/serve.sh
+work_folder corbeth-demo
 
 # Nothing of the user's own is read or written: the settings store, the
 # repository client's state and the home folder (desktop) are the sandbox's.
@@ -63,8 +60,6 @@ setting() {
 }
 
 if $serve; then
-    # shellcheck source=../bench/serve.sh
-    source bench/serve.sh
     serve_folder "$work/repo" "$work/nginx" 2>/dev/null
     url="http://127.0.0.1:$port/"
 else
