@@ -125,8 +125,16 @@ bool Command::configure(bool online)
         return false;
     }
     const CBEnum::ErrorCode loaded = m_manager.setConfigPath(m_options.config);
-    if (loaded != CBEnum::EC_NoError) {
-        fail(loaded, QStringLiteral("cannot read the configuration %1").arg(QFileInfo(m_options.config).absoluteFilePath()));
+    const QString file = QFileInfo(m_options.config).absoluteFilePath();
+    // A missing plug-in folder gives the same code as a missing file, but the
+    // document is in force: only the plug-in command needs that folder.
+    const bool inForce = loaded == CBEnum::EC_FileNotOpen && !m_manager.configData().isEmpty();
+    if (inForce && is(m_options.name, "plugin")) {
+        fail(loaded, QStringLiteral("no plug-in folder (\"plugin\".\"loadPath\") for the configuration %1").arg(file));
+        return false;
+    }
+    if (loaded != CBEnum::EC_NoError && !inForce) {
+        fail(loaded, QStringLiteral("cannot read the configuration %1").arg(file));
         return false;
     }
     if (m_options.retryRounds > 0)
@@ -198,6 +206,7 @@ void Command::run()
             return;
         m_phase = SelfUpdate;
         if (!m_manager.checkSelfUpdateAndDownload() && !m_done) {
+            m_phase = Idle; // no task ran
             m_reporter->info(QStringLiteral("the installer is up to date"));
             finish(CorbethExit::Success);
         }
@@ -280,7 +289,11 @@ void Command::onProgress(double percent)
     m_reporter->progress(percent);
     if (m_phase == Download && m_manager.taskStatus() == CBEnum::TS_Downloading) {
         const qint64 total = std::max<qint64>(0, m_manager.packageSize());
-        m_reporter->transfer(qint64(std::clamp(percent, 0.0, 100.0) / 100.0 * double(total)), total, 0);
+        const qint64 received = qint64(std::clamp(percent, 0.0, 100.0) / 100.0 * double(total));
+        if (!m_transferClock.isValid())
+            m_transferClock.start();
+        const double seconds = m_transferClock.elapsed() / 1000.0;
+        m_reporter->transfer(received, total, seconds > 0.2 ? double(received) / seconds : 0.0);
     }
 }
 

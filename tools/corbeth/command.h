@@ -6,6 +6,7 @@
 
 #include <corbeth/manager.h>
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QVariantMap>
 
@@ -68,6 +69,7 @@ private:
     Corbeth::SetupTask m_task;
     Phase m_phase = Idle;
     Corbeth::CBEnum::ErrorCode m_syncError = Corbeth::CBEnum::EC_NoError;
+    QElapsedTimer m_transferClock;
     bool m_cancelling = false;
     bool m_done = false;
 };

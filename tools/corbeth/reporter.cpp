@@ -92,7 +92,7 @@ void Reporter::status(uint status)
 void Reporter::progress(double percent)
 {
     percent = std::min(100.0, std::max(0.0, percent));
-    if (percent <= m_percent && !(percent == 0 && !m_barShown))
+    if (m_percent >= 0 && percent <= m_percent)
         return;
     m_percent = percent;
     switch (m_mode) {
@@ -134,7 +134,7 @@ void Reporter::drawBar(bool force)
     if (!force && m_lastDraw >= 0 && now - m_lastDraw < kRedrawMs)
         return;
     m_lastDraw = now;
-    QString tail = QStringLiteral(" %1% %2").arg(int(m_percent), 3).arg(stageLabel());
+    QString tail = QStringLiteral(" %1% %2").arg(int(std::max(0.0, m_percent)), 3).arg(stageLabel());
     if (m_status == CBEnum::TS_Downloading && m_received >= 0 && m_total > 0) {
         tail += QStringLiteral("  %1 / %2").arg(formatBytes(m_received), formatBytes(m_total));
         if (m_rate > 0)
@@ -146,7 +146,7 @@ void Reporter::drawBar(bool force)
     const int barWidth = std::max(0, std::min(40, width - int(tail.size()) - 2));
     QString line;
     if (barWidth >= 10) {
-        const int filled = int(barWidth * m_percent / 100);
+        const int filled = int(barWidth * std::max(0.0, m_percent) / 100);
         line = QLatin1Char('[') + QString(filled, QLatin1Char('#')) + QString(barWidth - filled, QLatin1Char('-'))
             + QLatin1Char(']');
     }

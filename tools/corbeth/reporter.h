@@ -41,7 +41,8 @@ private:
 
     Mode m_mode;
     uint m_status = 0;
-    double m_percent = 0;
+    // -1 until the first figure, which may be 0.
+    double m_percent = -1;
     qint64 m_received = -1;
     qint64 m_total = 0;
     double m_rate = 0;
