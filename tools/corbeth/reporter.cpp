@@ -143,7 +143,9 @@ void Reporter::drawBar(bool force)
                         .arg(int(std::ceil(double(m_total - m_received) / m_rate)));
     }
     const int width = terminalWidth(stderr) - 1;
-    const int barWidth = std::max(0, std::min(40, width - int(tail.size()) - 2));
+    // A third of the line at most, the same in every frame so the bar does not
+    // jump when the figures beside it grow; the line is cut to the width.
+    const int barWidth = std::min(40, (width - 2) / 3);
     QString line;
     if (barWidth >= 10) {
         const int filled = int(barWidth * std::max(0.0, m_percent) / 100);
