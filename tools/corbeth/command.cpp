@@ -89,41 +89,33 @@ void Command::cancel()
     finish(CorbethExit::Cancelled);
 }
 
-QString Command::where()
-{
-    if (!m_options.package.isEmpty())
-        return QFileInfo(m_options.package).absoluteFilePath();
-    if (!m_options.from.isEmpty())
-        return QFileInfo(m_options.from).absoluteFilePath();
-    const bool online = is(m_options.name, "install") || is(m_options.name, "update")
-        || is(m_options.name, "download") || is(m_options.name, "self-update");
-    if (online)
-        return m_manager.configData().value(QStringLiteral("velmira")).toMap().value(QStringLiteral("repository")).toString();
-    return m_manager.installPath();
-}
-
 QString Command::failure(CBEnum::ErrorCode code)
 {
-    const char *reason = nullptr;
+    const QString package = !m_options.package.isEmpty() ? m_options.package : m_options.from;
+    const QString installPath = m_manager.installPath().isEmpty() ? QFileInfo(m_options.config).absoluteFilePath()
+                                                                  : m_manager.installPath();
     switch (code) {
     case CBEnum::EC_Timeout:
     case CBEnum::EC_UnknownNetworkError:
-    case CBEnum::EC_NetworkError_FileDownloadedError: reason = "cannot download from"; break;
-    case CBEnum::EC_VerifyFailed: reason = "the package does not match its .verify:"; break;
-    case CBEnum::EC_FileNotOpen: reason = "cannot open"; break;
-    case CBEnum::EC_SoftwarePathError: reason = "no usable install folder:"; break;
-    default: return QStringLiteral("%1 failed at %2").arg(m_options.name, where());
+    case CBEnum::EC_NetworkError_FileDownloadedError:
+        return QStringLiteral("%1 failed: cannot download from %2")
+            .arg(m_options.name, m_manager.configData()
+                                     .value(QStringLiteral("velmira")).toMap()
+                                     .value(QStringLiteral("repository")).toString());
+    case CBEnum::EC_VerifyFailed:
+        return QStringLiteral("%1 failed: the package does not match its .verify: %2")
+            .arg(m_options.name, QFileInfo(package).absoluteFilePath());
+    case CBEnum::EC_FileNotOpen:
+        return QStringLiteral("%1 failed: cannot open %2")
+            .arg(m_options.name, package.isEmpty() ? installPath : QFileInfo(package).absoluteFilePath());
+    case CBEnum::EC_SoftwarePathError:
+        return QStringLiteral("%1 failed: no usable install folder: %2").arg(m_options.name, installPath);
+    default: return QStringLiteral("%1 failed at %2").arg(m_options.name, installPath);
     }
-    return QStringLiteral("%1 failed: %2 %3").arg(m_options.name, QLatin1String(reason), where());
 }
 
 bool Command::configure(bool online)
 {
-    if (m_options.config.isEmpty()) {
-        m_reporter->error(CBEnum::EC_ConfigDataError, QStringLiteral("no configuration: pass --config <file>"));
-        finish(CorbethExit::Usage);
-        return false;
-    }
     const CBEnum::ErrorCode loaded = m_manager.setConfigPath(m_options.config);
     const QString file = QFileInfo(m_options.config).absoluteFilePath();
     // A missing plug-in folder gives the same code as a missing file, but the
@@ -236,7 +228,7 @@ void Command::runTask()
         package = m_task.findPackage(m_options.from, error);
         if (package.isEmpty()) {
             fail(error == CBEnum::EC_NoError ? CBEnum::EC_FileNotOpen : error,
-                 QStringLiteral("%1 failed: no valid package in %2").arg(name, where()));
+                 QStringLiteral("%1 failed: no valid package in %2").arg(name, QFileInfo(m_options.from).absoluteFilePath()));
             return;
         }
     } else if (!package.isEmpty()) {

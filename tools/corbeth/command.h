@@ -59,7 +59,6 @@ private:
     void showHardware(const Corbeth::HardwareInfo &info);
     void fail(Corbeth::CBEnum::ErrorCode code, const QString &message);
     void finish(int exitCode);
-    QString where();
     // The error line's text for a code the engine reported.
     QString failure(Corbeth::CBEnum::ErrorCode code);
 
