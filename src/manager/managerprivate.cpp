@@ -71,10 +71,11 @@ ManagerPrivate::~ManagerPrivate()
     qCDebug(lcCorbeth) << "delete ptrmanager";
     // Whatever still runs is stopped and waited for: the workers go next.
     m_retryTimer.stop();
-    if (m_downloadReply)
-        m_downloadReply->abort();
-    if (m_unpackReply)
-        m_unpackReply->abort();
+    // The replies still held will not be heard any more: they go now.
+    for (Vindal::Reply *reply : qAsConst(m_heldReplies)) {
+        reply->abort();
+        reply->deleteLater();
+    }
     m_installer->abort();
     m_prepareJob.waitForFinished();
     m_installer->waitForIdle();

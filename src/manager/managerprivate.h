@@ -158,6 +158,9 @@ private:
 
     QPointer<Vindal::Reply> m_downloadReply;
     QPointer<Vindal::Reply> m_unpackReply;
+    // Every reply not yet heard. Only this thread lets a reply go: one the
+    // service's thread deleted by itself could vanish while being aborted here.
+    QList<Vindal::Reply *> m_heldReplies;
     QFutureWatcher<JobResult> m_prepareJob;
     // The folder an offline download goes to; retries use it again.
     QString m_downloadFolder;

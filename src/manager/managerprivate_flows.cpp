@@ -86,18 +86,23 @@ void ManagerPrivate::whenFinished(Vindal::Reply *reply, const std::function<void
     // The service keeps working after it hands a reply over, so the reply may
     // have finished before anyone listened; whichever way the answer comes,
     // it is handled once, on this thread.
+    m_heldReplies.append(reply);
     auto handled = QSharedPointer<bool>::create(false);
-    const auto once = [handler, handled](const QVariantMap &params) {
+    const auto once = [this, reply, handler, handled](const QVariantMap &params) {
         if (*handled)
             return;
         *handled = true;
+        m_heldReplies.removeOne(reply);
+        if (m_downloadReply == reply)
+            m_downloadReply.clear();
+        if (m_unpackReply == reply)
+            m_unpackReply.clear();
+        reply->deleteLater();
         handler(params);
     };
     connect(reply, &Vindal::Reply::finished, this, once);
-    connect(reply, &Vindal::Reply::finished, reply, &QObject::deleteLater);
     if (reply->isFinished()) {
         const QVariantMap result = reply->result();
-        reply->deleteLater();
         QMetaObject::invokeMethod(this, [once, result] { once(result); }, Qt::QueuedConnection);
     }
 }

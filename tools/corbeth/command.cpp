@@ -141,7 +141,6 @@ bool Command::configure(bool online)
     m_manager.setForceInstall(m_options.force);
     m_manager.setNeedUninstallOlder(m_options.removeOlder);
     if (online) {
-        m_online = true;
         const CBEnum::ErrorCode remote = m_manager.initRemote();
         if (remote != CBEnum::EC_NoError) {
             fail(remote, QStringLiteral("the repository (\"velmira\") is missing or refused in the configuration %1").arg(m_options.config));
@@ -375,9 +374,6 @@ void Command::finish(int exitCode)
             : exitCode == CorbethExit::Cancelled                 ? QStringLiteral("cancelled")
                                                                  : QStringLiteral("failed");
         m_reporter->summary(m_options.name, exitCode, outcome);
-        // The engine's repository client drops a finished download on its own
-        // thread a moment after the end, while destroying the Manager may
-        // still reach for it: after a download the tool ends a little later.
-        QTimer::singleShot(m_online ? 100 : 0, this, [this, exitCode] { emit done(exitCode); });
+        emit done(exitCode);
     });
 }

@@ -69,7 +69,6 @@ private:
     Phase m_phase = Idle;
     Corbeth::CBEnum::ErrorCode m_syncError = Corbeth::CBEnum::EC_NoError;
     QElapsedTimer m_transferClock;
-    bool m_online = false;
     bool m_cancelling = false;
     bool m_done = false;
 };
