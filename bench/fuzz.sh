@@ -29,7 +29,8 @@ out=$build/fuzz
 # halt_on_error for the undefined-behaviour checks as well; the leak
 # suppressions name only what is Qt's own (see the file).
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
-export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$PWD/fuzz/lsan.supp}
+# Quoted: the checkout's path may hold spaces.
+export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=\"$PWD/fuzz/lsan.supp\"}
 run() {
     local target=$1
     mkdir -p "$out/found/$target" "$out/crashes/$target"
