@@ -128,14 +128,8 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_work.isValid());
-        const QString source = path("source"_s);
-        QVERIFY(writeFile(source + "/bin/demo"_s, "demo 1.0"));
-        QVERIFY(writeFile(source + "/data/changes.txt"_s, "changes 1.0"));
-        QVERIFY(writeFile(source + "/data/blob.bin"_s, pseudoRandom(2 << 20, 3)));
-        // The uninstall runs the cleanup tool from outside the install folder.
-        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), source + "/corbeth-cleanup"_s));
         m_package = path("demo.tolmpkg"_s);
-        QVERIFY(PackTool::ok({"create"_s, source, "-o"_s, m_package}));
+        QVERIFY(PackTool::makeDemoPackage(path("source"_s), m_package, 2 << 20));
         QVERIFY(writeFile(path("patch/demo"_s), "demo 1.0.1"));
         m_nginx.load();
     }

@@ -160,13 +160,8 @@ private slots:
         if (!m_nginx.load())
             QSKIP("the nginx fixture is not running");
         m_source = path("source"_s);
-        QVERIFY(writeFile(m_source + "/bin/demo"_s, "demo 1.0"));
-        QVERIFY(writeFile(m_source + "/data/changes.txt"_s, "changes 1.0"));
-        QVERIFY(writeFile(m_source + "/data/blob.bin"_s, pseudoRandom(3 << 20, 7)));
-        // The uninstall runs the cleanup tool from outside the install folder.
-        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), m_source + "/corbeth-cleanup"_s));
         m_package = path("demo.tolmpkg"_s);
-        QVERIFY(PackTool::ok({"create"_s, m_source, "-o"_s, m_package}));
+        QVERIFY(PackTool::makeDemoPackage(m_source, m_package, 3 << 20));
         QVERIFY(writeFile(path("patch/demo"_s), "demo 1.0.1"));
     }
 

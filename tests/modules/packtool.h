@@ -58,6 +58,21 @@ inline bool makePackage(const QString &source, const QString &package)
         && writeFile(dir.filePath("share/empty.cfg"_s), QByteArray()) && ok({"create"_s, source, "-o"_s, package});
 }
 
+#ifdef CORBETH_CLEANUP_TOOL
+// The example product the client tests install: a program, two data files, a
+// blob of blobSize bytes (big enough for a download to be seen moving) and the
+// cleanup tool, which the uninstall runs from outside the install folder.
+inline bool makeDemoPackage(const QString &source, const QString &package, int blobSize)
+{
+    using VindalTest::writeFile;
+    return writeFile(source + "/bin/demo"_s, "demo 1.0") && writeFile(source + "/data/changes.txt"_s, "changes 1.0")
+        && writeFile(source + "/data/sample.txt"_s, "sample")
+        && writeFile(source + "/data/blob.bin"_s, VindalTest::pseudoRandom(blobSize, 3))
+        && QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), source + "/corbeth-cleanup"_s)
+        && ok({"create"_s, source, "-o"_s, package});
+}
+#endif
+
 inline QString md5Of(const QString &file)
 {
     return QString::fromLatin1(QCryptographicHash::hash(VindalTest::readFile(file), QCryptographicHash::Md5).toHex());

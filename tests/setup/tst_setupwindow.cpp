@@ -208,14 +208,8 @@ private slots:
     {
         QVERIFY(m_work.isValid());
         QVERIFY(QDir().mkpath(m_pictures));
-        const QString source = path("source"_s);
-        QVERIFY(writeFile(source + "/bin/demo"_s, "demo 1.0"));
-        QVERIFY(writeFile(source + "/data/sample.txt"_s, "sample"));
-        // Big enough for the download to be seen moving.
-        QVERIFY(writeFile(source + "/data/blob.bin"_s, pseudoRandom(8 << 20, 3)));
-        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), source + "/corbeth-cleanup"_s));
         m_package = path("demo.tolmpkg"_s);
-        QVERIFY(PackTool::ok({"create"_s, source, "-o"_s, m_package}));
+        QVERIFY(PackTool::makeDemoPackage(path("source"_s), m_package, 8 << 20));
         QVERIFY(PackTool::ok({"publish"_s, m_package, "--repo"_s, path("repo"_s), "--module"_s, "demo"_s,
                               "--version"_s, "1.0.0"_s}));
         m_repository = QUrl::fromLocalFile(path("repo"_s)).toString() + QLatin1Char('/');
