@@ -26,14 +26,14 @@ extern "C" void onInterrupt(int)
     g_interrupted = 1;
 }
 
-struct Spec
+struct Subcommand
 {
     const char *name;
     const char *synopsis;
     const char *examples;
 };
 
-const Spec kCommands[] = {
+const Subcommand kCommands[] = {
     {"install", "--config <file> --path <dir> [--addition <name>]... [--force] [--remove-older] [--package <file> | --from <dir>]",
      "corbeth install --config product.json --path /opt/product\n"
      "  corbeth install --config product.json --path /opt/product --addition samples --from /media/usb"},
@@ -54,8 +54,8 @@ const Spec kCommands[] = {
 QString usage()
 {
     QString text = QStringLiteral("Usage: corbeth <command> [options] [--json] [--verbose]\n\nCommands:\n");
-    for (const Spec &spec : kCommands)
-        text += QStringLiteral("  %1 %2\n").arg(QLatin1String(spec.name), -11).arg(QLatin1String(spec.synopsis));
+    for (const Subcommand &subcommand : kCommands)
+        text += QStringLiteral("  %1 %2\n").arg(QLatin1String(subcommand.name), -11).arg(QLatin1String(subcommand.synopsis));
     text += QStringLiteral("\nRun 'corbeth <command> --help' for the options of one command and examples.\n"
                            "Exit codes: 0 done, 2 wrong usage, 10-21 one per engine error, 130 interrupted (docs/cli.md).\n");
     return text;
@@ -67,19 +67,19 @@ int usageError(const QString &message)
     return CorbethExit::Usage;
 }
 
-bool takes(const Spec &spec, const QByteArray &option)
+bool takes(const Subcommand &subcommand, const QByteArray &option)
 {
-    return QByteArray(spec.synopsis).contains(option);
+    return QByteArray(subcommand.synopsis).contains(option);
 }
 
 // Fills the options of one command; false with a message on a wrong command line.
-bool parse(const Spec &spec, const QStringList &arguments, Command::Options &options, bool &json, bool &verbose,
+bool parse(const Subcommand &subcommand, const QStringList &arguments, Command::Options &options, bool &json, bool &verbose,
            QString &error, bool &help)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("corbeth %1 %2\n\nExample:\n  %3")
-                                         .arg(QLatin1String(spec.name), QLatin1String(spec.synopsis),
-                                              QLatin1String(spec.examples)));
+                                         .arg(QLatin1String(subcommand.name), QLatin1String(subcommand.synopsis),
+                                              QLatin1String(subcommand.examples)));
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
     const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Shows this help."));
     const QCommandLineOption jsonOption(QStringLiteral("json"), QStringLiteral("One JSON event per line on standard output."));
@@ -97,9 +97,9 @@ bool parse(const Spec &spec, const QStringList &arguments, Command::Options &opt
                                      QStringLiteral("Rounds of download retries before giving up (default 3, 0: the configuration's)."),
                                      QStringLiteral("n"));
     parser.addOptions({helpOption, jsonOption, verboseOption});
-    const bool downloads = QByteArrayList{"install", "update", "download", "self-update"}.contains(spec.name);
+    const bool downloads = QByteArrayList{"install", "update", "download", "self-update"}.contains(subcommand.name);
     for (const auto &option : {config, path, addition, force, removeOlder, package, from, flow, param}) {
-        if (takes(spec, "--" + option.names().constFirst().toLatin1()))
+        if (takes(subcommand, "--" + option.names().constFirst().toLatin1()))
             parser.addOption(option);
     }
     if (downloads)
@@ -111,13 +111,13 @@ bool parse(const Spec &spec, const QStringList &arguments, Command::Options &opt
     if (parser.isSet(helpOption)) {
         help = true;
         QString text = parser.helpText();
-        text.replace(0, text.indexOf(QLatin1Char('\n')), QStringLiteral("Usage: corbeth %1 [options]").arg(QLatin1String(spec.name)));
+        text.replace(0, text.indexOf(QLatin1Char('\n')), QStringLiteral("Usage: corbeth %1 [options]").arg(QLatin1String(subcommand.name)));
         std::fprintf(stdout, "%s", qPrintable(text));
         return true;
     }
     json = parser.isSet(jsonOption);
     verbose = parser.isSet(verboseOption);
-    options.name = QLatin1String(spec.name);
+    options.name = QLatin1String(subcommand.name);
     const auto value = [&parser](const QCommandLineOption &option) {
         return parser.optionNames().contains(option.names().constFirst()) ? parser.value(option) : QString();
     };
@@ -153,20 +153,20 @@ bool parse(const Spec &spec, const QStringList &arguments, Command::Options &opt
         error = QStringLiteral("--package and --from exclude each other");
         return false;
     }
-    const bool wantsArgument = QByteArray(spec.synopsis).startsWith('<');
+    const bool wantsArgument = QByteArray(subcommand.synopsis).startsWith('<');
     const QStringList positional = parser.positionalArguments();
     if (positional.size() != (wantsArgument ? 1 : 0)) {
-        error = wantsArgument ? QStringLiteral("%1 wants one %2").arg(QLatin1String(spec.name), QString::fromLatin1(spec.synopsis).section(QLatin1Char(' '), 0, 0))
+        error = wantsArgument ? QStringLiteral("%1 wants one %2").arg(QLatin1String(subcommand.name), QString::fromLatin1(subcommand.synopsis).section(QLatin1Char(' '), 0, 0))
                               : QStringLiteral("unexpected argument \"%1\"").arg(positional.value(0));
         return false;
     }
     options.argument = positional.value(0);
-    if (takes(spec, "--config") && options.config.isEmpty()) {
-        error = QStringLiteral("%1 wants --config <file>").arg(QLatin1String(spec.name));
+    if (takes(subcommand, "--config") && options.config.isEmpty()) {
+        error = QStringLiteral("%1 wants --config <file>").arg(QLatin1String(subcommand.name));
         return false;
     }
     if ((options.name == QLatin1String("install") || options.name == QLatin1String("download")) && options.path.isEmpty()) {
-        error = QStringLiteral("%1 wants --path <dir>").arg(QLatin1String(spec.name));
+        error = QStringLiteral("%1 wants --path <dir>").arg(QLatin1String(subcommand.name));
         return false;
     }
     return true;
@@ -190,12 +190,12 @@ int main(int argc, char *argv[])
         std::fprintf(stdout, "corbeth %s\n", CORBETH_CLI_VERSION);
         return CorbethExit::Success;
     }
-    const Spec *spec = nullptr;
-    for (const Spec &candidate : kCommands) {
+    const Subcommand *subcommand = nullptr;
+    for (const Subcommand &candidate : kCommands) {
         if (name == QLatin1String(candidate.name))
-            spec = &candidate;
+            subcommand = &candidate;
     }
-    if (!spec)
+    if (!subcommand)
         return usageError(QStringLiteral("unknown command \"%1\"").arg(name));
     arguments.removeAt(1);
 
@@ -204,7 +204,7 @@ int main(int argc, char *argv[])
     bool verbose = false;
     bool help = false;
     QString error;
-    if (!parse(*spec, arguments, options, json, verbose, error, help))
+    if (!parse(*subcommand, arguments, options, json, verbose, error, help))
         return usageError(error);
     if (help)
         return CorbethExit::Success;
