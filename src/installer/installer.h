@@ -107,6 +107,20 @@ public:
     bool driverExist(const QList<CBEnum::DriverType> &drivers);
     bool checkOldSoftwareIsExist();
     bool uninstallOldSoftware();
+    // Removing the older software as the description says now, every path
+    // expanded: a job off the engine's thread works on it while the
+    // configuration may be replaced.
+    struct OlderRemoval
+    {
+        OlderSoftwareInfo older;
+        QStringList keep; // the uninstall's white list
+    };
+    OlderRemoval olderRemoval() const;
+    bool uninstallOldSoftware(const OlderRemoval &removal);
+    // The programs of the clear-process list, by file name; closing them needs
+    // nothing else of the engine.
+    QStringList programsToClose() const;
+    static bool closePrograms(const QStringList &names);
     bool copySuicideTool();
     void suicide(const QString &dir);
     bool isSuicide() const { return m_isSuicide; }
@@ -126,6 +140,7 @@ public:
     void abort();
     // Blocks until no task of the engine runs on the thread pool.
     void waitForIdle();
+    bool isBusy() const { return m_tasks.loadAcquire() != 0; }
 
 public slots:
     bool installPackage();
@@ -160,7 +175,7 @@ private:
     bool runInstallSteps(int epoch);
     bool runUninstallSteps();
     void loadDriverIdentification();
-    QString olderInstallPathFromSettings() const;
+    static QString olderInstallPathFromSettings(const OlderSoftwareInfo &older);
     void initStandardLocations();
     InstallInfoSet currentSet() const;
     void setCurrentSet(const InstallInfoSet &set);

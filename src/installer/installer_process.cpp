@@ -92,9 +92,21 @@ CBEnum::ErrorCode Installer::processExe(const QList<ProcessHelper> &list)
 
 bool Installer::clearProcess()
 {
+    return closePrograms(programsToClose());
+}
+
+QStringList Installer::programsToClose() const
+{
+    QStringList names;
+    for (const QString &entry : qAsConst(m_clearProcess))
+        names << QFileInfo(expandPath(entry)).fileName();
+    return names;
+}
+
+bool Installer::closePrograms(const QStringList &names)
+{
     bool closed = true;
-    for (const QString &entry : qAsConst(m_clearProcess)) {
-        const QString name = QFileInfo(expandPath(entry)).fileName();
+    for (const QString &name : names) {
         qCDebug(lcCorbeth) << "clear process" << name;
         if (!ProcessCloser::close(name, kCloseGraceMs)) {
             qCWarning(lcCorbeth) << "process still running" << name << ProcessCloser::find(name);

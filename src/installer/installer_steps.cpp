@@ -78,11 +78,8 @@ void Installer::removeUpdateDir()
         qCWarning(lcCorbeth) << "remove update dir fail" << cache.path();
 }
 
-QString Installer::olderInstallPathFromSettings() const
+QString Installer::olderInstallPathFromSettings(const OlderSoftwareInfo &older)
 {
-    if (!m_installInfo)
-        return QString();
-    const OlderSoftwareInfo &older = m_installInfo->olderSoftwareInfo;
     // The settings store is asked again: an uninstall since the configuration
     // was loaded may have removed the entry.
     if (!older.settingPath.isEmpty() && !older.key.isEmpty())
@@ -92,25 +89,53 @@ QString Installer::olderInstallPathFromSettings() const
 
 bool Installer::checkOldSoftwareIsExist()
 {
-    const QString path = olderInstallPathFromSettings();
+    const QString path = olderInstallPathFromSettings(olderRemoval().older);
     const bool exists = holdsFiles(path);
     qCDebug(lcCorbeth) << "older software" << path << exists;
     return exists;
 }
 
+Installer::OlderRemoval Installer::olderRemoval() const
+{
+    OlderRemoval removal;
+    if (!m_installInfo)
+        return removal;
+    removal.older = m_installInfo->olderSoftwareInfo;
+    for (ProcessHelper &process : removal.older.process) {
+        process.program = expandPath(process.program);
+        for (QString &arg : process.args)
+            arg = expandPath(arg);
+    }
+    for (QString &file : removal.older.removeFiles)
+        file = expandPath(file);
+    if (m_uninstallInfo) {
+        for (const QString &file : qAsConst(m_uninstallInfo->whiteList))
+            removal.keep << expandPath(file);
+    }
+    return removal;
+}
+
 bool Installer::uninstallOldSoftware()
 {
-    if (!checkOldSoftwareIsExist())
+    return uninstallOldSoftware(olderRemoval());
+}
+
+bool Installer::uninstallOldSoftware(const OlderRemoval &removal)
+{
+    const QString path = olderInstallPathFromSettings(removal.older);
+    if (!holdsFiles(path)) {
+        qCDebug(lcCorbeth) << "older software" << path << false;
         return true;
-    const OlderSoftwareInfo older = m_installInfo->olderSoftwareInfo;
-    qCInfo(lcCorbeth) << "uninstall older software" << older.olderInstallPath;
-    const CBEnum::ErrorCode code = processExe(older.process);
+    }
+    qCInfo(lcCorbeth) << "uninstall older software" << removal.older.olderInstallPath;
+    // Paths are expanded already: the steps below find no variable to replace.
+    const CBEnum::ErrorCode code = processExe(removal.older.process);
     if (code != CBEnum::EC_NoError) {
         qCCritical(lcCorbeth) << "older software uninstall fail" << code;
         return false;
     }
-    removeFiles(older.removeFiles, m_uninstallInfo ? m_uninstallInfo->whiteList : QStringList());
-    removeSettings(older.removeSettings);
+    removeFiles(removal.older.removeFiles, removal.keep);
+    removeSettings(removal.older.removeSettings);
     return true;
 }
 

@@ -130,7 +130,7 @@ bool SQLHelper::searchPackage(const QString &installPath, QVariantMap &package) 
     return false;
 }
 
-QString SQLHelper::calculateMD5(const QString &filePath)
+QString SQLHelper::calculateMD5(const QString &filePath, const std::function<bool()> &stop)
 {
     QFile file(filePath);
     if (!file.exists()) {
@@ -144,6 +144,8 @@ QString SQLHelper::calculateMD5(const QString &filePath)
     QCryptographicHash hash(QCryptographicHash::Md5);
     QByteArray buffer(int(kReadSize), Qt::Uninitialized);
     for (;;) {
+        if (stop && stop())
+            return QString();
         const qint64 read = file.read(buffer.data(), kReadSize);
         if (read < 0) {
             // Half a digest would pass for a wrong one: report nothing.

@@ -5,6 +5,8 @@
 #include <QtCore/QString>
 #include <QtCore/QVariantMap>
 
+#include <functional>
+
 namespace Corbeth {
 
 // Remembers, per host program, which online package was fetched last and where
@@ -33,8 +35,9 @@ public:
     bool searchPackage(const QString &installPath, QVariantMap &package) const;
 
     // Lower-case hexadecimal MD5 of the file, read in 10 MiB pieces; empty
-    // when the file is missing or unreadable.
-    static QString calculateMD5(const QString &filePath);
+    // when the file is missing or unreadable, or when stop, asked before each
+    // piece, says so.
+    static QString calculateMD5(const QString &filePath, const std::function<bool()> &stop = {});
 
 private:
     QString m_valueName;
