@@ -45,7 +45,10 @@ Manager::Manager(QObject *parent)
 
 Manager::~Manager()
 {
-    delete d;
+    // Deleted from inside one of its own waits, the private part is still on
+    // the stack: it goes once that wait has returned.
+    if (!d->releaseWhenIdle())
+        delete d;
 }
 
 CBEnum::ErrorCode Manager::setConfigPath(QString path)

@@ -32,6 +32,9 @@ ManagerPrivate::ManagerPrivate(Manager *manager)
     connect(this, &ManagerPrivate::installPackageFinished, this, &ManagerPrivate::onFinished);
     connect(this, &ManagerPrivate::onlineInstallFinished, this, &ManagerPrivate::onFinished);
     connect(m_installer.data(), &Installer::errorOccurred, this, &ManagerPrivate::errorOccurred, Qt::UniqueConnection);
+    // An engine step's error ends the task; a part of the engine still
+    // running or waiting keeps the next one out (beginTask).
+    connect(m_installer.data(), &Installer::errorOccurred, this, [this] { m_taskActive = false; });
     connect(m_configer.data(), &Configer::configDataChanged, this, &ManagerPrivate::onConfigDataChanged,
             Qt::DirectConnection);
     connect(m_pluginHelper.data(), &PluginHelper::pluginFinished, q, &Manager::pluginFinished);
@@ -71,13 +74,21 @@ ManagerPrivate::~ManagerPrivate()
     qCDebug(lcCorbeth) << "delete ptrmanager";
     // Whatever still runs is stopped and waited for: the workers go next.
     m_retryTimer.stop();
-    // The replies still held will not be heard any more: they go now.
-    for (Vindal::Reply *reply : qAsConst(m_heldReplies)) {
+    // The replies still held will not be heard any more: they go now, unheard
+    // (aborting one may finish it at once).
+    const QList<Vindal::Reply *> replies = m_heldReplies;
+    m_heldReplies.clear();
+    for (Vindal::Reply *reply : replies) {
+        disconnect(reply, nullptr, this, nullptr);
         reply->abort();
         reply->deleteLater();
     }
     m_installer->abort();
+    m_job.revoked->storeRelease(1);
     m_prepareJob.waitForFinished();
+    // The hardware queries use the platform object destroyed below.
+    for (QFutureWatcherBase *query : findChildren<QFutureWatcherBase *>())
+        query->waitForFinished();
     m_installer->waitForIdle();
     m_installer->disconnect(this);
     m_configer.reset();
@@ -208,6 +219,7 @@ void ManagerPrivate::resetProgress()
 
 void ManagerPrivate::onFinished()
 {
+    m_taskActive = false;
     setTaskStatus(CBEnum::TS_Finished);
     addProgress(100.0, 100.0);
 }
@@ -236,10 +248,10 @@ void ManagerPrivate::onConfigDataChanged()
 void ManagerPrivate::onRetryTimeout()
 {
     qCDebug(lcCorbeth) << "retry timeout";
-    // A retry that falls due while a request waits on the module service
-    // waits its turn instead of re-entering it.
-    if (m_serviceWaits > 0) {
-        m_retryTimer.start();
+    // A retry that falls due while a request waits in a nested loop runs
+    // when the wait ends instead of re-entering it; the count is kept.
+    if (m_nestedWaits > 0) {
+        m_retryDue = true;
         return;
     }
     if (m_retryCount > 3) {
@@ -259,9 +271,9 @@ void ManagerPrivate::onRetryTimeout()
     qCWarning(lcCorbeth) << "retry" << m_retryCount << QMetaEnum::fromType<Operation>().valueToKey(m_operation);
     const QString path = m_installer->installPath();
     if (m_operation == O_OfflineDownload)
-        downloadPackage(m_downloadFolder);
+        startDownload(m_downloadFolder);
     else if (m_operation == O_OnlineInstall)
-        onlineInstall(path);
+        startOnlineInstall(path);
 }
 
 CBEnum::ErrorCode ManagerPrivate::requestPlugin(const QString &name, const QVariantMap &params, QString &ID)
@@ -278,6 +290,7 @@ qint64 ManagerPrivate::packageSize() const
 
 void ManagerPrivate::fail(CBEnum::ErrorCode code)
 {
+    m_taskActive = false;
     emit errorOccurred(code);
     setTaskStatus(CBEnum::TS_Aborted);
 }

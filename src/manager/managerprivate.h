@@ -1,10 +1,12 @@
 #ifndef CORBETH_MANAGERPRIVATE_H
 #define CORBETH_MANAGERPRIVATE_H
 
+#include "installer/installer.h"
 #include "records/sqlhelper.h"
 
 #include <corbeth/cbenum.h>
 
+#include <QtCore/QAtomicInt>
 #include <QtCore/QFutureWatcher>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
@@ -21,7 +23,6 @@ class Reply;
 namespace Corbeth {
 
 class Configer;
-class Installer;
 class Manager;
 class PluginHelper;
 class Vindaler;
@@ -39,6 +40,10 @@ public:
     ~ManagerPrivate() override;
 
     static ManagerPrivate *get(Manager *manager);
+    // The Manager goes while one of this object's calls still waits in a
+    // nested loop: the task is ended, and this object deletes itself once
+    // that call has returned. False, doing nothing, when nothing waits.
+    bool releaseWhenIdle();
 
     CBEnum::ErrorCode initRemote();
     void offlineInstall(const QString &path);
@@ -64,7 +69,7 @@ public:
     bool checkPackage(const QString &md5, const QString &path);
     // The comparison checkPackage makes, without touching the task status, for
     // jobs off the manager's thread.
-    static bool packageMatches(const QString &md5, const QString &path);
+    static bool packageMatches(const QString &md5, const QString &path, const std::function<bool()> &stop = {});
 
     void setTaskStatus(uint status);
     uint taskStatus() const { return m_taskStatus; }
@@ -115,12 +120,32 @@ private:
         CBEnum::ErrorCode code = CBEnum::EC_NoError;
         bool verifyFailed = false;
     };
+    // What the job works on, taken on this thread when the task starts: a
+    // configuration replaced meanwhile does not change it under the job.
+    struct PrepareJob
+    {
+        QString file;
+        QString md5;
+        bool offline = false;
+        QVariantMap record;
+        QStringList closeNames;
+        bool removeOlder = false;
+        Installer::OlderRemoval older;
+        QString installPath;
+        // Set by a revocation; the job looks at it before every step.
+        QSharedPointer<QAtomicInt> revoked = QSharedPointer<QAtomicInt>::create(0);
+    };
 
     bool reqDownloadPackage();
     CBEnum::ErrorCode reqDownloadOfflineModule(const QString &path, Vindal::Reply *&reply);
     bool handleDownloadOfflineModule(const QVariantMap &params);
     void onRetryTimeout();
-    JobResult verifyAndPrepare(const QString &file, const QString &md5, bool offline, QVariantMap record);
+    JobResult verifyAndPrepare(const PrepareJob &job);
+    // checkOfflineInstallFile, stopping the hash when stop says so.
+    static bool companionMatches(const QString &path, const std::function<bool()> &stop);
+    bool startOnlineInstall(const QString &path);
+    void startDownload(const QString &path);
+    void takeSnapshot();
     // Hands the reply's finished map to handler once, on this thread, and
     // deletes the reply afterwards.
     void whenFinished(Vindal::Reply *reply, const std::function<void(const QVariantMap &)> &handler);
@@ -137,7 +162,11 @@ private:
     void fail(CBEnum::ErrorCode code);
     void completeProgress();
     bool isRunning() const;
-    bool refuseWhileWaiting(const char *what);
+    // One task at a time: false, with a log line, while one runs.
+    bool beginTask(const char *what);
+    // Runs call, which waits in a nested loop, counted in m_nestedWaits.
+    template<typename Call>
+    auto waitingIn(Call call);
     void cleanCache(const QString &cache);
 
     int m_retryCount = 0;
@@ -164,8 +193,16 @@ private:
     QFutureWatcher<JobResult> m_prepareJob;
     // The folder an offline download goes to; retries use it again.
     QString m_downloadFolder;
-    // Depth of calls that wait in a nested loop for the module service.
-    int m_serviceWaits = 0;
+    // Depth of calls that wait in a nested loop (the module service, the
+    // engine's update and patch) on this thread.
+    int m_nestedWaits = 0;
+    // A retry that fell due during such a wait; it runs when the wait ends.
+    bool m_retryDue = false;
+    // A task was accepted and has not ended yet.
+    bool m_taskActive = false;
+    // The Manager is gone; this object goes when its last wait returns.
+    bool m_released = false;
+    PrepareJob m_job;
     // Retry rounds done, and how many the configuration allows (0: no end).
     int m_retryRounds = 0;
     int m_retryRoundLimit = 0;

@@ -19,6 +19,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QMetaEnum>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QSharedPointer>
 #include <QtCore/QTextStream>
 #include <QtNetwork/QNetworkConfigurationManager>
@@ -50,19 +51,36 @@ bool machineIsOnline()
     QT_WARNING_POP
 }
 
-// Counts a nested wait on the module service for as long as it lives.
-struct ServiceWait
-{
-    explicit ServiceWait(int &depth)
-        : m_depth(depth)
-    {
-        ++m_depth;
-    }
-    ~ServiceWait() { --m_depth; }
-    int &m_depth;
-};
-
 } // namespace
+
+template<typename Call>
+auto ManagerPrivate::waitingIn(Call call)
+{
+    ++m_nestedWaits;
+    const auto leave = qScopeGuard([this] {
+        if (--m_nestedWaits > 0)
+            return;
+        if (m_released) {
+            deleteLater();
+        } else if (m_retryDue) {
+            m_retryDue = false;
+            QMetaObject::invokeMethod(this, &ManagerPrivate::onRetryTimeout, Qt::QueuedConnection);
+        }
+    });
+    return call();
+}
+
+bool ManagerPrivate::releaseWhenIdle()
+{
+    if (m_nestedWaits == 0)
+        return false;
+    qCInfo(lcCorbeth) << "manager deleted during a wait";
+    disconnect(this, nullptr, q, nullptr);
+    q = nullptr;
+    m_released = true;
+    revocateInstall();
+    return true;
+}
 
 CBEnum::ErrorCode ManagerPrivate::initRemote()
 {
@@ -130,12 +148,30 @@ void ManagerPrivate::useStorageFolder(const QString &folder)
         whenFinished(reply, [](const QVariantMap &) {});
 }
 
-bool ManagerPrivate::refuseWhileWaiting(const char *what)
+bool ManagerPrivate::beginTask(const char *what)
 {
-    if (m_serviceWaits == 0)
+    // The verify-and-unpack job, the engine and the module service belong to
+    // the running task until all of it has stopped, even after a revocation.
+    if (m_taskActive || m_nestedWaits > 0 || m_prepareJob.isRunning() || m_installer->isBusy()) {
+        qCWarning(lcCorbeth) << "task refused, a task is running" << what
+                             << QMetaEnum::fromType<Operation>().valueToKey(m_operation);
         return false;
-    qCWarning(lcCorbeth) << "task refused, the module service is busy" << what;
+    }
+    m_taskActive = true;
+    m_retryCount = 0;
+    m_retryRounds = 0;
     return true;
+}
+
+void ManagerPrivate::takeSnapshot()
+{
+    PrepareJob job;
+    job.closeNames = m_installer->programsToClose();
+    job.removeOlder = m_installer->needUninstallOlder();
+    if (job.removeOlder)
+        job.older = m_installer->olderRemoval();
+    job.installPath = m_installer->installPath();
+    m_job = job;
 }
 
 // --- online install -----------------------------------------------------------
@@ -143,8 +179,15 @@ bool ManagerPrivate::refuseWhileWaiting(const char *what)
 bool ManagerPrivate::onlineInstall(const QString &path)
 {
     qCInfo(lcCorbeth) << "online installl runingg";
-    if (refuseWhileWaiting("onlineInstall"))
+    if (!beginTask("onlineInstall"))
         return false;
+    m_installer->setInstallPath(path);
+    takeSnapshot();
+    return startOnlineInstall(path);
+}
+
+bool ManagerPrivate::startOnlineInstall(const QString &path)
+{
     m_installer->setInstallPath(path);
     setOperation(O_OnlineInstall);
 
@@ -155,7 +198,6 @@ bool ManagerPrivate::onlineInstall(const QString &path)
     params.insert(QStringLiteral("errorCode"), 0);
     params.insert(QStringLiteral("result"), package);
     params.insert(QStringLiteral("packageExisted"), true);
-    setTaskStatus(CBEnum::TS_Downloading);
     onOnlineDownlaodFinished(params);
     return true;
 }
@@ -167,7 +209,11 @@ bool ManagerPrivate::reqDownloadPackage()
     const CBEnum::ErrorCode code = reqDownloadOfflineModule(path, reply);
     if (code != CBEnum::EC_NoError) {
         qCCritical(lcCorbeth) << "error " << Q_FUNC_INFO << codeName(code);
+        m_taskActive = false;
         emit errorOccurred(code);
+        // A retry's or a new download's refusal ends the running task.
+        if (isRunning())
+            setTaskStatus(CBEnum::TS_Aborted);
         return false;
     }
     setTaskStatus(CBEnum::TS_Downloading);
@@ -225,10 +271,12 @@ CBEnum::ErrorCode ManagerPrivate::reqDownloadOfflineModule(const QString &path, 
     useStorageFolder(folder);
     m_installer->makeDir(folder);
 
-    Vindal::Reply *answer = nullptr;
-    {
-        ServiceWait wait(m_serviceWaits);
-        answer = m_vindaler->downloadOfflineModule(path);
+    Vindal::Reply *answer = waitingIn([&] { return m_vindaler->downloadOfflineModule(path); });
+    if (answer && m_released) {
+        // The Manager went during the wait: nobody listens any more.
+        answer->abort();
+        answer->deleteLater();
+        answer = nullptr;
     }
     if (!answer) {
         qCCritical(lcCorbeth) << "error nullptr" << Q_FUNC_INFO;
@@ -258,6 +306,7 @@ void ManagerPrivate::onOnlineDownlaodFinished(const QVariantMap &params)
     m_downloadResult = params;
     qCDebug(lcCorbeth) << "concurrent ru n";
     const QVariantMap result = params.value(QStringLiteral("result")).toMap();
+    m_job.record = result;
     startPrepareJob(result.value(QStringLiteral("path")).toString(),
                     result.value(QStringLiteral("md5Value")).toString(), false);
 }
@@ -269,7 +318,7 @@ bool ManagerPrivate::handleDownloadOfflineModule(const QVariantMap &params)
     if (code == Vindal::Error::Timeout && !machineIsOnline()) {
         // An offline machine will not do better by trying again.
         qCCritical(lcCorbeth) << "timeout online download";
-        emit errorOccurred(CBEnum::EC_UnknownNetworkError);
+        fail(CBEnum::EC_UnknownNetworkError);
         return false;
     }
     if (code == Vindal::Error::Cancelled && m_taskStatus == CBEnum::TS_Aborted)
@@ -289,57 +338,73 @@ bool ManagerPrivate::handleDownloadOfflineModule(const QVariantMap &params)
 
 // --- verify, prepare and unpack ----------------------------------------------------
 
-ManagerPrivate::JobResult ManagerPrivate::verifyAndPrepare(const QString &file, const QString &md5, bool offline,
-                                                           QVariantMap record)
+ManagerPrivate::JobResult ManagerPrivate::verifyAndPrepare(const PrepareJob &job)
 {
     // Runs on a pool thread: hashing and closing programs take long, and the
-    // client's thread must stay responsive. It reaches the workers only
-    // through methods that are safe off their thread.
-    JobResult job;
-    const bool matches = offline ? checkOfflineInstallFile(file) : packageMatches(md5, file);
+    // client's thread must stay responsive. It works on the task's snapshot
+    // and reaches the workers only through methods that are safe off their
+    // thread. A revocation stops it before its next step, hashing included:
+    // a revoked job changes nothing on the machine any more.
+    const auto revoked = [&job] { return job.revoked->loadAcquire() != 0; };
+    const auto stopped = [&revoked] {
+        if (!revoked())
+            return false;
+        qCInfo(lcCorbeth) << "prepare job revoked";
+        return true;
+    };
+    JobResult result;
+    const bool matches = job.offline ? companionMatches(job.file, revoked) : packageMatches(job.md5, job.file, revoked);
+    if (stopped())
+        return result;
     if (!matches) {
-        job.verifyFailed = true;
-        job.code = CBEnum::EC_VerifyFailed;
-        if (!offline) {
+        result.verifyFailed = true;
+        result.code = CBEnum::EC_VerifyFailed;
+        if (!job.offline) {
             qCWarning(lcCorbeth) << "package check failed, retry download.";
-            if (!QFile::remove(file))
-                qCWarning(lcCorbeth) << "remove error download package fail" << file;
+            if (!QFile::remove(job.file))
+                qCWarning(lcCorbeth) << "remove error download package fail" << job.file;
         }
-        return job;
+        return result;
     }
-    if (!offline)
+    if (!job.offline) {
+        QVariantMap record = job.record;
         m_sqlHelper.markOnlinePackage(record);
-    if (!m_installer->clearProcess()) {
+    }
+    if (stopped())
+        return result;
+    if (!Installer::closePrograms(job.closeNames)) {
         qCCritical(lcCorbeth) << "clear runing exe fail";
-        job.code = CBEnum::EC_UnknownError;
-        return job;
+        result.code = CBEnum::EC_UnknownError;
+        return result;
     }
-    if (!uninstallOldSoftware()) {
-        qCCritical(lcCorbeth) << (offline ? "offlineinstall fail" : "onlineinstall fail");
-        job.code = CBEnum::EC_UninstallOlderSoftwareFail;
+    if (stopped())
+        return result;
+    // Once the removal has begun it runs to its end.
+    if (job.removeOlder && !m_installer->uninstallOldSoftware(job.older)) {
+        qCCritical(lcCorbeth) << "uninstall older software fail";
+        qCCritical(lcCorbeth) << (job.offline ? "offlineinstall fail" : "onlineinstall fail");
+        result.code = CBEnum::EC_UninstallOlderSoftwareFail;
     }
-    return job;
+    return result;
 }
 
 void ManagerPrivate::startPrepareJob(const QString &file, const QString &md5, bool offline)
 {
-    m_packageInfo.insert(QStringLiteral("path"), file);
-    m_packageInfo.insert(QStringLiteral("md5Value"), md5);
-    m_packageInfo.insert(QStringLiteral("offline"), offline);
-    const QVariantMap record = m_downloadResult.value(QStringLiteral("result")).toMap();
-    m_prepareJob.setFuture(QtConcurrent::run(
-        [this, file, md5, offline, record] { return verifyAndPrepare(file, md5, offline, record); }));
+    m_job.file = file;
+    m_job.md5 = md5;
+    m_job.offline = offline;
+    const PrepareJob job = m_job;
+    m_prepareJob.setFuture(QtConcurrent::run([this, job] { return verifyAndPrepare(job); }));
 }
 
 void ManagerPrivate::onPrepareJobFinished()
 {
-    if (m_taskStatus == CBEnum::TS_Aborted)
+    if (m_job.revoked->loadAcquire())
         return;
     const JobResult job = m_prepareJob.result();
-    const bool offline = m_packageInfo.value(QStringLiteral("offline")).toBool();
     if (job.verifyFailed) {
         qCWarning(lcCorbeth) << "verify fail";
-        if (offline) {
+        if (m_job.offline) {
             fail(CBEnum::EC_VerifyFailed);
             return;
         }
@@ -352,7 +417,7 @@ void ManagerPrivate::onPrepareJobFinished()
         fail(job.code);
         return;
     }
-    startUnpack(m_packageInfo.value(QStringLiteral("path")).toString(), m_installer->installPath());
+    startUnpack(m_job.file, m_job.installPath);
 }
 
 void ManagerPrivate::startUnpack(const QString &file, const QString &folder)
@@ -382,6 +447,9 @@ void ManagerPrivate::onInstallUncompress(const QVariantMap &params)
         emit finished();
         return;
     }
+    // The task installs where it started, whatever a new configuration says.
+    if (m_installer->installPath() != m_job.installPath)
+        m_installer->setInstallPath(m_job.installPath);
     startEngineInstall();
 }
 
@@ -419,7 +487,7 @@ void ManagerPrivate::onEngineInstallFinished()
 void ManagerPrivate::offlineInstall(const QString &path)
 {
     qCInfo(lcCorbeth) << "offline install" << path;
-    if (refuseWhileWaiting("offlineInstall"))
+    if (!beginTask("offlineInstall"))
         return;
     setOperation(O_OfflineInstall);
     QString package = path;
@@ -435,6 +503,7 @@ void ManagerPrivate::offlineInstall(const QString &path)
         fail(CBEnum::EC_SoftwarePathError);
         return;
     }
+    takeSnapshot();
     setTaskStatus(CBEnum::TS_Verifying);
     startPrepareJob(QFileInfo(package).absoluteFilePath(), QString(), true);
 }
@@ -456,6 +525,11 @@ bool ManagerPrivate::searchOfflinePackage(const QString &dir, QString &found, co
 
 bool ManagerPrivate::checkOfflineInstallFile(const QString &path)
 {
+    return companionMatches(path, {});
+}
+
+bool ManagerPrivate::companionMatches(const QString &path, const std::function<bool()> &stop)
+{
     const QString companion = path.endsWith(QLatin1String(".verify")) ? path : path + QLatin1String(".verify");
     qCDebug(lcCorbeth) << "check verify code" << path << companion;
     QFile verify(companion);
@@ -469,17 +543,17 @@ bool ManagerPrivate::checkOfflineInstallFile(const QString &path)
     }
     const QString expected = QTextStream(&verify).readAll();
     verify.close();
-    if (SQLHelper::calculateMD5(path) == expected)
+    if (SQLHelper::calculateMD5(path, stop) == expected)
         return true;
     qCWarning(lcCorbeth) << "md5 verify failed!" << Q_FUNC_INFO;
     return false;
 }
 
-bool ManagerPrivate::packageMatches(const QString &md5, const QString &path)
+bool ManagerPrivate::packageMatches(const QString &md5, const QString &path, const std::function<bool()> &stop)
 {
     if (md5.isEmpty())
         return true;
-    const QString actual = SQLHelper::calculateMD5(path);
+    const QString actual = SQLHelper::calculateMD5(path, stop);
     qCDebug(lcCorbeth) << "local calcutelate md5" << actual;
     if (actual == md5)
         return true;
@@ -496,8 +570,12 @@ bool ManagerPrivate::checkPackage(const QString &md5, const QString &path)
 void ManagerPrivate::downloadPackage(const QString &path)
 {
     qCInfo(lcCorbeth) << "download package" << path;
-    if (refuseWhileWaiting("downloadPackage"))
-        return;
+    if (beginTask("downloadPackage"))
+        startDownload(path);
+}
+
+void ManagerPrivate::startDownload(const QString &path)
+{
     if (path.isEmpty()) {
         qCCritical(lcCorbeth) << "path is empty";
         fail(CBEnum::EC_SoftwarePathError);
@@ -524,7 +602,7 @@ void ManagerPrivate::onDownloadPackageFinished(const QVariantMap &params)
 void ManagerPrivate::uncompressPackage(const QString &package, const QString &folder)
 {
     qCInfo(lcCorbeth) << "uncompress package" << package << folder;
-    if (refuseWhileWaiting("uncompressPackage"))
+    if (!beginTask("uncompressPackage"))
         return;
     setOperation(O_Installing);
     if (package.isEmpty() || folder.isEmpty()) {
@@ -538,7 +616,7 @@ void ManagerPrivate::uncompressPackage(const QString &package, const QString &fo
 void ManagerPrivate::installing(const QString &path)
 {
     qCInfo(lcCorbeth) << "installing" << path;
-    if (refuseWhileWaiting("installing"))
+    if (!beginTask("installing"))
         return;
     setOperation(O_Installing);
     if (!path.isEmpty())
@@ -556,40 +634,52 @@ void ManagerPrivate::installing(const QString &path)
 bool ManagerPrivate::installPackage()
 {
     qCInfo(lcCorbeth) << "update package";
-    if (refuseWhileWaiting("installPackage"))
+    if (!beginTask("installPackage"))
         return false;
     setOperation(O_Update);
     setTaskStatus(CBEnum::TS_Installing);
-    if (!uninstallOldSoftware()) {
-        fail(CBEnum::EC_UninstallOlderSoftwareFail);
-        return false;
-    }
-    // A client that installed into a path of its own choosing updates it.
-    if (m_installer->olderSoftwarePath().isEmpty() && !m_installer->installPath().isEmpty())
-        m_installer->setOlderInstallPath(m_installer->installPath());
-    return m_installer->update();
+    const bool done = waitingIn([this] {
+        if (!uninstallOldSoftware()) {
+            fail(CBEnum::EC_UninstallOlderSoftwareFail);
+            return false;
+        }
+        // Revoked (or the Manager deleted) while the older software went.
+        if (!m_taskActive)
+            return false;
+        // A client that installed into a path of its own choosing updates it.
+        if (m_installer->olderSoftwarePath().isEmpty() && !m_installer->installPath().isEmpty())
+            m_installer->setOlderInstallPath(m_installer->installPath());
+        return m_installer->update();
+    });
+    // The update has ended, whichever way: it ran on this thread.
+    m_taskActive = false;
+    return done;
 }
 
 bool ManagerPrivate::installPatch()
 {
     qCInfo(lcCorbeth) << "update patch package";
-    if (refuseWhileWaiting("installPatch"))
+    if (!beginTask("installPatch"))
         return false;
     setOperation(O_UpdatePatch);
     setTaskStatus(CBEnum::TS_Installing);
     if (m_installer->olderSoftwarePath().isEmpty() && !m_installer->installPath().isEmpty())
         m_installer->setOlderInstallPath(m_installer->installPath());
-    return m_installer->updatePatch();
+    const bool done = waitingIn([this] { return m_installer->updatePatch(); });
+    m_taskActive = false;
+    return done;
 }
 
 bool ManagerPrivate::uninstallPackage(const QString &flow)
 {
     qCInfo(lcCorbeth) << "uninstall package" << flow;
-    if (refuseWhileWaiting("uninstallPackage"))
+    if (!beginTask("uninstallPackage"))
         return false;
     setOperation(O_Uninstall);
     setTaskStatus(CBEnum::TS_Uninstalling);
-    return m_installer->uninstallPackage(flow);
+    const bool done = waitingIn([this, flow] { return m_installer->uninstallPackage(flow); });
+    m_taskActive = false;
+    return done;
 }
 
 void ManagerPrivate::onEngineUninstallFinished()
@@ -614,11 +704,11 @@ bool ManagerPrivate::uninstallOldSoftware()
 void ManagerPrivate::uninstallOlderSoftwareTask()
 {
     qCInfo(lcCorbeth) << "uninstall old software";
-    if (refuseWhileWaiting("uninstallOldSoftware"))
+    if (!beginTask("uninstallOldSoftware"))
         return;
     setOperation(O_Uninstall);
     setTaskStatus(CBEnum::TS_Uninstalling);
-    if (!m_installer->uninstallOldSoftware()) {
+    if (!waitingIn([this] { return m_installer->uninstallOldSoftware(); })) {
         fail(CBEnum::EC_UninstallOlderSoftwareFail);
         return;
     }
@@ -631,17 +721,20 @@ void ManagerPrivate::uninstallOlderSoftwareTask()
 bool ManagerPrivate::checkSelfUpdateAndDownload()
 {
     qCInfo(lcCorbeth) << "check self update";
-    if (refuseWhileWaiting("checkSelfUpdateAndDownload"))
+    if (!beginTask("checkSelfUpdateAndDownload"))
         return false;
     setOperation(O_SelfUpdate);
-    Vindal::Reply *reply = nullptr;
-    {
-        ServiceWait wait(m_serviceWaits);
-        reply = m_vindaler->checkUpgradeAndDownload(QCoreApplication::applicationDirPath());
+    Vindal::Reply *reply
+        = waitingIn([this] { return m_vindaler->checkUpgradeAndDownload(QCoreApplication::applicationDirPath()); });
+    if (reply && m_released) {
+        reply->abort();
+        reply->deleteLater();
+        reply = nullptr;
     }
     if (!reply) {
         // No newer installer, or the repository could not tell: nothing to do.
         qCInfo(lcCorbeth) << "no self upgrade";
+        m_taskActive = false;
         return false;
     }
     setTaskStatus(CBEnum::TS_Downloading);
@@ -667,7 +760,8 @@ void ManagerPrivate::getHardwareInfo()
 {
     auto *watcher = new QFutureWatcher<HardwareInfo>(this);
     connect(watcher, &QFutureWatcher<HardwareInfo>::finished, this, [this, watcher] {
-        emit q->getHardwareInfoFinished(watcher->result());
+        if (q)
+            emit q->getHardwareInfoFinished(watcher->result());
         watcher->deleteLater();
     });
     watcher->setFuture(QtConcurrent::run([] { return SystemInfo().getHardwareInfo(); }));
@@ -678,10 +772,15 @@ void ManagerPrivate::revocateInstall()
     qCInfo(lcCorbeth) << "revocate install" << m_taskStatus;
     m_retryTimer.stop();
     m_retryCount = 0;
-    if (!isRunning()) {
+    m_retryDue = false;
+    // The verify-and-unpack job stops at its next step, whatever the status
+    // says (a reused package is checked without a status of its own).
+    m_job.revoked->storeRelease(1);
+    if (!m_taskActive && !isRunning()) {
         qCInfo(lcCorbeth) << "nothing to revocate";
         return;
     }
+    m_taskActive = false;
     m_retryRounds = 0;
     setTaskStatus(CBEnum::TS_Aborted);
     if (m_downloadReply)
@@ -690,7 +789,8 @@ void ManagerPrivate::revocateInstall()
         m_unpackReply->abort();
     m_installer->abort();
     // The task ends here, once: the client hears TS_Aborted and finished().
-    emit q->finished();
+    if (q)
+        emit q->finished();
 }
 
 } // namespace Corbeth
