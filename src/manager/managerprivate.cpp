@@ -31,10 +31,14 @@ ManagerPrivate::ManagerPrivate(Manager *manager)
     connect(this, &ManagerPrivate::finished, this, &ManagerPrivate::onFinished);
     connect(this, &ManagerPrivate::installPackageFinished, this, &ManagerPrivate::onFinished);
     connect(this, &ManagerPrivate::onlineInstallFinished, this, &ManagerPrivate::onFinished);
-    connect(m_installer.data(), &Installer::errorOccurred, this, &ManagerPrivate::errorOccurred, Qt::UniqueConnection);
-    // An engine step's error ends the task; a part of the engine still
-    // running or waiting keeps the next one out (beginTask).
-    connect(m_installer.data(), &Installer::errorOccurred, this, [this] { m_taskActive = false; });
+    // An engine step's error ends the task (a part of the engine still running
+    // or waiting keeps the next one out, see beginTask); one that arrives
+    // after a revocation is not reported: the task has ended.
+    connect(m_installer.data(), &Installer::errorOccurred, this, [this](CBEnum::ErrorCode code) {
+        m_taskActive = false;
+        if (m_taskStatus != CBEnum::TS_Aborted)
+            emit errorOccurred(code);
+    });
     connect(m_configer.data(), &Configer::configDataChanged, this, &ManagerPrivate::onConfigDataChanged,
             Qt::DirectConnection);
     connect(m_pluginHelper.data(), &PluginHelper::pluginFinished, q, &Manager::pluginFinished);

@@ -463,6 +463,9 @@ void ManagerPrivate::onEngineInstallFinished()
 {
     if (!isRunning())
         return;
+    // The engine's task counts itself out a moment after its last signal; a
+    // task the client starts from the finished signals must find it idle.
+    m_installer->waitForIdle();
     switch (m_operation) {
     case O_Installing:
         emit q->installingFinished();
@@ -652,6 +655,7 @@ bool ManagerPrivate::installPackage()
         return m_installer->update();
     });
     // The update has ended, whichever way: it ran on this thread.
+    m_installer->waitForIdle();
     m_taskActive = false;
     return done;
 }
@@ -666,6 +670,7 @@ bool ManagerPrivate::installPatch()
     if (m_installer->olderSoftwarePath().isEmpty() && !m_installer->installPath().isEmpty())
         m_installer->setOlderInstallPath(m_installer->installPath());
     const bool done = waitingIn([this] { return m_installer->updatePatch(); });
+    m_installer->waitForIdle();
     m_taskActive = false;
     return done;
 }

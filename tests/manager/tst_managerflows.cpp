@@ -12,6 +12,7 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QMetaEnum>
+#include <QtCore/QSettings>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QTimer>
 #include <QtCore/QUrl>
@@ -55,7 +56,8 @@ struct Client
     SettingsSandbox store;
     QTemporaryDir state;
     bool stateSet = qputenv("VINDAL_STATE_FILE", state.filePath("state.json"_s).toUtf8());
-    Manager manager;
+    std::unique_ptr<Manager> owner = std::make_unique<Manager>(); // reset: the client deletes it
+    Manager &manager = *owner;
     QStringList events;
     QList<double> progress;
     // Progress figures paired with the status they arrived in.
@@ -119,6 +121,8 @@ class tst_ManagerFlows : public QObject
     QTemporaryDir m_work;
     QString m_source;
     QString m_package;
+    // A package too big to be checked in an instant, with its companion.
+    QString m_bigPackage;
     Nginx m_nginx;
     int m_repoCount = 0;
 
@@ -137,12 +141,25 @@ class tst_ManagerFlows : public QObject
         return "http://127.0.0.1:%1/%2/"_s.arg(m_nginx.http).arg(name);
     }
 
-    bool configure(Client &client, const QString &repository, bool online = true, int retryRounds = 0)
+    // older: the folder of an older version that the install removes first.
+    bool configure(Client &client, const QString &repository, bool online = true, int retryRounds = 0,
+                   const QString &older = QString())
     {
         const QByteArray json = QString::fromUtf8(kProduct).arg(repository, m_work.path()).toUtf8();
         QVariantMap config = QJsonDocument::fromJson(json).object().toVariantMap();
         if (retryRounds > 0)
             config.insert("download"_s, QVariantMap{{"retryInterval"_s, 1}, {"retryRounds"_s, retryRounds}});
+        if (!older.isEmpty()) {
+            QSettings(client.store.path() + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat)
+                .setValue("SOFTWARE/Arvenor/Old/path"_s, older);
+            const QVariantMap locator{{"settingPath"_s, "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Old"_s},
+                                      {"key"_s, "path"_s}};
+            QVariantMap install = config.value("install"_s).toMap();
+            install.insert("olderSoftwareInfo"_s, QVariantMap{{"getOlderInstallPath"_s, locator},
+                                                              {"removeFiles"_s, QStringList{older + "/old.txt"_s}}});
+            config.insert("install"_s, install);
+            client.manager.setNeedUninstallOlder(true);
+        }
         if (client.manager.setConfigData(config) != CBEnum::EC_NoError)
             return false;
         return !online || client.manager.initRemote() == CBEnum::EC_NoError;
@@ -163,6 +180,10 @@ private slots:
         m_package = path("demo.tolmpkg"_s);
         QVERIFY(PackTool::makeDemoPackage(m_source, m_package, 3 << 20));
         QVERIFY(writeFile(path("patch/demo"_s), "demo 1.0.1"));
+        m_bigPackage = path("big.tolmpkg"_s);
+        QFile big(m_bigPackage);
+        QVERIFY(big.open(QIODevice::WriteOnly) && big.resize(qint64(256) << 20));
+        QVERIFY(writeFile(m_bigPackage + ".verify"_s, PackTool::md5Of(m_bigPackage).toLatin1()));
     }
 
     // Install, a second install that reuses the cached package, then the update,
@@ -195,10 +216,13 @@ private slots:
         QCOMPARE(packageRequests(repoName), 1);
         QVERIFY(QDir(inst + "/arvenorDownloadCache"_s).exists());
 
-        // The same package into the same path: nothing is downloaded.
+        // The same package into the same path: nothing is downloaded, and
+        // the flow goes on as if the download had just ended.
         client.clear();
         QVERIFY(client.manager.onlineInstall(inst));
         QVERIFY2(client.waitFor("finished"_s), qPrintable(client.events.join(QLatin1Char(','))));
+        QCOMPARE(client.events, (QStringList{"TS_Uncompressing"_s, "TS_Installing"_s, "TS_Finished"_s,
+                                             "installPackageFinished"_s, "onlineInstallFinished"_s, "finished"_s}));
         QCOMPARE(packageRequests(repoName), 1);
         QCOMPARE(client.progressFault(), QString());
 
@@ -309,18 +333,36 @@ private slots:
         QCOMPARE(limited.manager.taskStatus(), uint(CBEnum::TS_Aborted));
     }
 
-    void revocation_data()
+    void interruptions_data()
     {
+        // during: the status at which the client acts ("update": inside installPackage());
+        // TS_Verifying is the check of a large offline package.
         QTest::addColumn<QString>("during");
-        QTest::newRow("download") << "TS_Downloading"_s;
-        QTest::newRow("unpack") << "TS_Uncompressing"_s;
+        QTest::addColumn<QString>("action"); // revoke, delete (the Manager) or reconfigure
+        QTest::addColumn<bool>("olderKept");
+        for (const QString &action : {"revoke"_s, "delete"_s}) {
+            QTest::addRow("%s download", qPrintable(action)) << "TS_Downloading"_s << action << true;
+            QTest::addRow("%s check", qPrintable(action)) << "TS_Verifying"_s << action << true;
+            QTest::addRow("%s unpack", qPrintable(action)) << "TS_Uncompressing"_s << action << false;
+            QTest::addRow("%s install", qPrintable(action)) << "TS_Installing"_s << action << false;
+            QTest::addRow("%s update", qPrintable(action)) << "update"_s << action << false;
+        }
+        // The running check works on the configuration it started with.
+        QTest::newRow("reconfigure check") << "TS_Verifying"_s << "reconfigure"_s << false;
     }
 
-    // A revocation ends the task once, with TS_Aborted and finished(); nothing
-    // later is installed.
-    void revocation()
+    // Whatever the client does while a task runs, a second task is refused,
+    // the task ends once and the older version goes only if its removal had
+    // begun; nothing crashes (run under the sanitizers too).
+    void interruptions()
     {
         QFETCH(QString, during);
+        QFETCH(QString, action);
+        QFETCH(bool, olderKept);
+        const QString tag = QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'));
+        const QString older = path("older-"_s + tag);
+        const QString inst = path("interrupt-"_s + tag);
+        QVERIFY(writeFile(older + "/old.txt"_s, "1.0"));
         QString folder;
         QString url = publish(&folder);
         FaultServer faults;
@@ -328,24 +370,47 @@ private slots:
             QVERIFY(faults.start(folder));
             url = faults.url("stall"_s);
         }
-        Client client;
+        auto client = std::make_unique<Client>();
         LogCapture log;
-        QVERIFY(configure(client, url));
-        QObject::connect(&client.manager, &Manager::taskStatusChanged, [&](uint status) {
-            if (statusName(status) == during)
-                QTimer::singleShot(during == "TS_Downloading"_s ? 300 : 0, &client.manager,
-                                   [&] { client.manager.revocateInstall(); });
+        QVERIFY(configure(*client, url, true, 0, older));
+        bool acted = false, refused = false;
+        const auto act = [&] {
+            acted = true;
+            refused = !client->manager.onlineInstall(inst + "-second"_s);
+            if (action == "revoke"_s)
+                client->manager.revocateInstall();
+            else if (action == "delete"_s)
+                client->owner.reset();
+            else
+                configure(*client, url, false);
+        };
+        QObject context;
+        QObject::connect(&client->manager, &Manager::taskStatusChanged, &context, [&](uint status) {
+            if (!acted && statusName(status) == (during == "update"_s ? "TS_Installing"_s : during))
+                QTimer::singleShot(during == "TS_Downloading"_s ? 300 : 0, &context, act);
         });
-        const QString inst = path("revoke-%1/inst"_s.arg(during));
-        QVERIFY(client.manager.onlineInstall(inst));
-        QVERIFY2(client.waitFor("finished"_s, 30000), qPrintable(client.events.join(QLatin1Char(','))));
-        QTest::qWait(4000); // an install that still ran would finish in this time
-        QCOMPARE(client.events.mid(client.events.indexOf("TS_Aborted"_s)), (QStringList{"TS_Aborted"_s, "finished"_s}));
-        QVERIFY(!client.events.contains("installPackageFinished"_s));
-        QVERIFY(!client.events.contains("TS_Installing"_s));
-        QVERIFY(!QFile::exists(path("links/Demo.lnk"_s)) || QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget() != inst + "/bin/demo"_s);
-        QCOMPARE(client.manager.taskStatus(), uint(CBEnum::TS_Aborted));
-        QCOMPARE(log.count("errorOccured"_s, QtCriticalMsg), 0);
+        client->manager.setInstallPath(inst);
+        if (during == "update"_s)
+            QVERIFY(!client->manager.installPackage());
+        else if (during == "TS_Verifying"_s)
+            client->manager.offlineInstall(m_bigPackage);
+        else
+            QVERIFY(client->manager.onlineInstall(inst));
+        QTRY_VERIFY_WITH_TIMEOUT(acted, 30000);
+        QVERIFY(refused);
+        QVERIFY(log.contains("task refused, a task is running"_s, QtWarningMsg));
+        if (action == "delete"_s) // inside installPackage() the engine goes once that call returned
+            QTRY_VERIFY_WITH_TIMEOUT(log.contains("delete ptrmanager"_s), 30000);
+        else
+            QTRY_VERIFY_WITH_TIMEOUT(client->events.contains("finished"_s), 30000);
+        if (action == "revoke"_s)
+            QCOMPARE(client->events.mid(client->events.indexOf("TS_Aborted"_s)),
+                     (QStringList{"TS_Aborted"_s, "finished"_s}));
+        client.reset(); // waits for whatever of the task still runs
+        QCOMPARE(QFile::exists(older + "/old.txt"_s), olderKept);
+        // Nothing was installed after the task ended.
+        QVERIFY(action == "reconfigure"_s
+                || QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget() != inst + "/bin/demo"_s);
     }
 
     // From a folder holding the package and its .verify companion.
