@@ -150,9 +150,10 @@ void ManagerPrivate::useStorageFolder(const QString &folder)
 
 bool ManagerPrivate::beginTask(const char *what)
 {
-    // The verify-and-unpack job, the engine and the module service belong to
-    // the running task until all of it has stopped, even after a revocation.
-    if (m_taskActive || m_nestedWaits > 0 || m_prepareJob.isRunning() || m_installer->isBusy()) {
+    // The verify-and-unpack job, the engine and the transfers belong to the
+    // running task until all of it has stopped, even after a revocation.
+    if (m_taskActive || m_nestedWaits > 0 || m_prepareJob.isRunning() || m_installer->isBusy() || m_downloadReply
+        || m_unpackReply) {
         qCWarning(lcCorbeth) << "task refused, a task is running" << what
                              << QMetaEnum::fromType<Operation>().valueToKey(m_operation);
         return false;
@@ -408,9 +409,11 @@ void ManagerPrivate::onPrepareJobFinished()
             fail(CBEnum::EC_VerifyFailed);
             return;
         }
-        // The bytes were not what the repository announced: fetch them again.
+        // The bytes were not what the repository announced: fetch them again,
+        // unless the client revoked the task on hearing it.
         emit errorOccurred(CBEnum::EC_VerifyFailed);
-        reqDownloadPackage();
+        if (m_taskActive)
+            reqDownloadPackage();
         return;
     }
     if (job.code != CBEnum::EC_NoError) {
