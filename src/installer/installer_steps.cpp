@@ -89,7 +89,7 @@ QString Installer::olderInstallPathFromSettings(const OlderSoftwareInfo &older)
 
 bool Installer::checkOldSoftwareIsExist()
 {
-    const QString path = olderInstallPathFromSettings(olderRemoval().older);
+    const QString path = olderRemoval().older.olderInstallPath;
     const bool exists = holdsFiles(path);
     qCDebug(lcCorbeth) << "older software" << path << exists;
     return exists;
@@ -101,6 +101,7 @@ Installer::OlderRemoval Installer::olderRemoval() const
     if (!m_installInfo)
         return removal;
     removal.older = m_installInfo->olderSoftwareInfo;
+    removal.older.olderInstallPath = olderInstallPathFromSettings(removal.older);
     for (ProcessHelper &process : removal.older.process) {
         process.program = expandPath(process.program);
         for (QString &arg : process.args)
@@ -122,12 +123,12 @@ bool Installer::uninstallOldSoftware()
 
 bool Installer::uninstallOldSoftware(const OlderRemoval &removal)
 {
-    const QString path = olderInstallPathFromSettings(removal.older);
+    const QString &path = removal.older.olderInstallPath;
     if (!holdsFiles(path)) {
         qCDebug(lcCorbeth) << "older software" << path << false;
         return true;
     }
-    qCInfo(lcCorbeth) << "uninstall older software" << removal.older.olderInstallPath;
+    qCInfo(lcCorbeth) << "uninstall older software" << path;
     // Paths are expanded already: the steps below find no variable to replace.
     const CBEnum::ErrorCode code = processExe(removal.older.process);
     if (code != CBEnum::EC_NoError) {

@@ -24,8 +24,9 @@ using namespace VindalTest;
 namespace {
 
 // The product: its package holds bin/demo and data/changes.txt; the install
-// links the program and writes an uninstall entry, the update copies the
-// changes, the patch replaces the program, the uninstall removes it all.
+// links the program and writes an uninstall entry (an older version, when
+// asked, goes first), the update copies the changes, the patch replaces the
+// program, the uninstall removes it all.
 const char kProduct[] = R"({
   "velmira": {"repository": "%1", "retries": 0, "stallTimeout": 5},
   "downloadModuleInfo": {"module": "demo"},
@@ -33,7 +34,11 @@ const char kProduct[] = R"({
   "download": {"retryInterval": 1},
   "install": {
     "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk"}],
-    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Demo": {"installPath": "${installPath}"}}
+    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Demo": {"installPath": "${installPath}"}},
+    "olderSoftwareInfo": {
+      "getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Old", "key": "path"},
+      "removeFiles": ["${olderInstallPath}/old.txt"]
+    }
   },
   "update": {"coverFiles": [{"src": "${installPath}/data/changes.txt", "dest": "${installPath}/CHANGES.txt"}]},
   "updatePatch": {"coverFiles": [{"src": "%2/patch/demo", "dest": "${installPath}/bin/demo"}]},
@@ -149,17 +154,9 @@ class tst_ManagerFlows : public QObject
         QVariantMap config = QJsonDocument::fromJson(json).object().toVariantMap();
         if (retryRounds > 0)
             config.insert("download"_s, QVariantMap{{"retryInterval"_s, 1}, {"retryRounds"_s, retryRounds}});
-        if (!older.isEmpty()) {
-            QSettings(client.store.path() + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat)
-                .setValue("SOFTWARE/Arvenor/Old/path"_s, older);
-            const QVariantMap locator{{"settingPath"_s, "HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\Old"_s},
-                                      {"key"_s, "path"_s}};
-            QVariantMap install = config.value("install"_s).toMap();
-            install.insert("olderSoftwareInfo"_s, QVariantMap{{"getOlderInstallPath"_s, locator},
-                                                              {"removeFiles"_s, QStringList{older + "/old.txt"_s}}});
-            config.insert("install"_s, install);
-            client.manager.setNeedUninstallOlder(true);
-        }
+        QSettings(client.store.path() + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat)
+            .setValue("SOFTWARE/Arvenor/Old/path"_s, older);
+        client.manager.setNeedUninstallOlder(!older.isEmpty());
         if (client.manager.setConfigData(config) != CBEnum::EC_NoError)
             return false;
         return !online || client.manager.initRemote() == CBEnum::EC_NoError;
@@ -274,7 +271,6 @@ private slots:
     void md5Mismatch()
     {
         Client client;
-        LogCapture log;
         QString folder;
         const QString url = publish(&folder);
         const QString indexPath = folder + "/modules/demo/index.json"_s;
@@ -294,7 +290,6 @@ private slots:
         client.manager.revocateInstall();
         QVERIFY(!QFile::exists(inst + "/bin/demo"_s));
         QVERIFY(!client.events.contains("TS_Uncompressing"_s));
-        QCOMPARE(log.count("errorOccured"_s, QtCriticalMsg), client.events.filter("error "_s).size());
     }
 
     // A repository that answers 503: four attempts at once, then a pause of
@@ -381,8 +376,8 @@ private slots:
                 client->manager.revocateInstall();
             else if (action == "delete"_s)
                 client->owner.reset();
-            else
-                configure(*client, url, false);
+            else // a configuration without an older version
+                configure(*client, url, false, 0, QString());
         };
         QObject context;
         QObject::connect(&client->manager, &Manager::taskStatusChanged, &context, [&](uint status) {
