@@ -252,6 +252,9 @@ void ManagerPrivate::onConfigDataChanged()
 void ManagerPrivate::onRetryTimeout()
 {
     qCDebug(lcCorbeth) << "retry timeout";
+    // A retry held back by a wait is dropped when the task ended meanwhile.
+    if (!m_taskActive)
+        return;
     // A retry that falls due while a request waits in a nested loop runs
     // when the wait ends instead of re-entering it; the count is kept.
     if (m_nestedWaits > 0) {
