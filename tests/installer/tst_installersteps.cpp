@@ -308,7 +308,7 @@ private slots:
         const QString self = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
         configure(R"({"clearProcess": ["%1.exe", "%1-shell", "%2"]})"_s.arg(name, self).toUtf8());
         QVERIFY(installer()->clearProcess());
-        QVERIFY(polite.waitForFinished(1000) && hard.waitForFinished(1000));
+        QVERIFY(polite.waitForFinished(30000) && hard.waitForFinished(30000));
         QCOMPARE(hard.exitCode() == 0 && hard.exitStatus() == QProcess::NormalExit, false);
     }
 
@@ -399,7 +399,7 @@ private slots:
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, QString::number(app.processId()), "--dir"_s, product, "--keep"_s,
                              product + "/data/user.cfg"_s, "--keep"_s, product + "/settings/"_s});
-        QVERIFY(cleanup.waitForFinished(20000));
+        QVERIFY(cleanup.waitForFinished(60000));
         QCOMPARE(cleanup.exitCode(), 0);
         QVERIFY(!QFile::exists(product + "/bin/app"_s));
         QCOMPARE(readFile(product + "/data/user.cfg"_s), QByteArray("kept"));
@@ -433,7 +433,7 @@ private slots:
         writeFile(QDir::homePath() + "/marker"_s, "home");
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, "999999999"_s, "--dir"_s, dir, "--wait"_s, "0"_s});
-        QVERIFY(cleanup.waitForFinished(10000));
+        QVERIFY(cleanup.waitForFinished(60000));
         QCOMPARE(cleanup.exitCode(), 2);
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
     }

@@ -300,7 +300,7 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return stage->text().startsWith("Downloading"_s); }, 30000));
         // The first KiB arrived: the page counts it against the package size.
         auto *transfer = window.findChild<QLabel *>("transferLabel"_s);
-        QVERIFY2(QTest::qWaitFor([&] { return transfer->text().contains(" of "_s); }, 10000), qPrintable(transfer->text()));
+        QVERIFY2(QTest::qWaitFor([&] { return transfer->text().contains(" of "_s); }, 30000), qPrintable(transfer->text()));
         picture(window, "5-downloading"_s);
 
         // No changes its mind first; then Escape asks again and Yes cancels.
@@ -334,7 +334,7 @@ private slots:
         second.start(QStringLiteral(CORBETH_SETUP_PROGRAM), {"--config"_s, config});
         QVERIFY(second.waitForFinished(30000));
         QCOMPARE(second.exitCode(), 0);
-        QVERIFY(activated.count() == 1 || activated.wait(5000));
+        QVERIFY(activated.count() == 1 || activated.wait(30000));
         // Another product's installer is not held back.
         SingleInstance other(path("other.json"_s));
         QVERIFY(other.claim());

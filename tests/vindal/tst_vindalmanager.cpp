@@ -54,7 +54,7 @@ class tst_VindalManager : public QObject
     }
     int configure(Manager &manager, const QString &base, const QVariantMap &more = QVariantMap())
     {
-        return codeOf(finish(manager.setConfigData(config(base, more)), 20000));
+        return codeOf(finish(manager.setConfigData(config(base, more))));
     }
     QVariantMap download(Manager &manager, Progress *progress = nullptr)
     {
@@ -129,12 +129,12 @@ private slots:
         Manager manager;
         Reply *reply = manager.setConfigData(config("http://127.0.0.1:1/"_s, {{key, value}}));
         QCOMPARE(reply->status(), Error::ConfigError); // known at once, before finished()
-        const QVariantMap finished = finish(reply, 20000);
+        const QVariantMap finished = finish(reply);
         QCOMPARE(codeOf(finished), 0x5072007);
         const QString message = finished.value("errorMessage"_s).toString();
         QVERIFY2(message.contains(key), qPrintable(message));
         // Without a usable configuration nothing is downloaded.
-        QCOMPARE(codeOf(finish(manager.downloadModule(Module, VDBasicInfo()), 20000)), 0x5072007);
+        QCOMPARE(codeOf(finish(manager.downloadModule(Module, VDBasicInfo()))), 0x5072007);
     }
 
     void downloadFromMirror()
@@ -235,7 +235,7 @@ private slots:
         timer.start();
         const QVariantMap finished = download(manager);
         QCOMPARE(codeOf(finished), code);
-        QVERIFY(timer.elapsed() < 15000);
+        QVERIFY(timer.elapsed() < 40000); // the faults themselves would go on for a minute
         const QString error = finished.value("errorMessage"_s).toString();
         QVERIFY2(error.contains(message) && (code == 0 || !error.isEmpty()), qPrintable(error));
         // Never a wrong file under the final name.
@@ -353,9 +353,9 @@ private slots:
         Reply *reply = manager.downloadModule(Module, VDBasicInfo());
         QSignalSpy finished(reply, &Reply::finished);
         QSignalSpy progress(reply, &Reply::downloadProgress);
-        QVERIFY(progress.wait(5000));
+        QVERIFY(progress.wait(30000));
         reply->abort();
-        QVERIFY(finished.wait(2000));
+        QVERIFY(finished.wait(30000));
         QTest::qWait(100);
         QCOMPARE(finished.size(), 1);
         QCOMPARE(codeOf(finished.first().first().toMap()), 0x507200A);
@@ -400,7 +400,7 @@ private slots:
         QCOMPARE(configure(second, faults.url("twoclients"_s)), 0);
         Reply *running = first.downloadModule(Module, VDBasicInfo());
         QSignalSpy progress(running, &Reply::downloadProgress);
-        QVERIFY(progress.wait(5000));
+        QVERIFY(progress.wait(30000));
 
         const QVariantMap refused = finish(second.downloadModule(Module, VDBasicInfo()));
         QCOMPARE(codeOf(refused), int(Error::DownloadFailed));
@@ -415,9 +415,9 @@ private slots:
         // The lock of a process that died is taken over.
         QProcess gone;
         gone.start("true"_s, QStringList());
-        QVERIFY(gone.waitForStarted(5000));
+        QVERIFY(gone.waitForStarted(30000));
         const qint64 pid = gone.processId();
-        QVERIFY(gone.waitForFinished(5000));
+        QVERIFY(gone.waitForFinished(30000));
         QVERIFY(QFile::remove(stored()));
         QVERIFY(writeFile(stored(".part.lock"_s), "%1\ncorbeth-pack\n%2\n"_s.arg(pid).arg(QSysInfo::machineHostName()).toUtf8()));
         QCOMPARE(codeOf(download(second)), 0);
@@ -464,7 +464,7 @@ private slots:
         }, Qt::DirectConnection);
         const QString target = m_dir.filePath("installed"_s);
         manager.loadOfflinePackage(reply, m_package, target);
-        QCOMPARE(codeOf(finish(reply, 20000)), 0);
+        QCOMPARE(codeOf(finish(reply)), 0);
         QCOMPARE(snapshot(target), snapshot(m_source));
         QVERIFY(worker && worker != QThread::currentThread());
         const qint64 size = QFileInfo(m_package).size();
@@ -477,7 +477,7 @@ private slots:
         QVERIFY(writeFile(evil, readFile(evil).replace("aa/b.txt", "../b.txt"))); // the same length in both headers
         reply = new Reply;
         manager.loadOfflinePackage(reply, evil, target);
-        const QVariantMap finished = finish(reply, 20000);
+        const QVariantMap finished = finish(reply);
         QCOMPARE(codeOf(finished), int(Error::UnsafeArchive));
         QCOMPARE(finished.value("result"_s).toMap().value("entry"_s).toString(), "../b.txt"_s);
         QVERIFY(!QFileInfo::exists(m_dir.filePath("b.txt"_s)));
@@ -491,7 +491,7 @@ private slots:
         QVERIFY(writeFile(product, R"({"velmira": {"repository": "%1", "proxy": "none"}, "downloadModuleInfo": {"module": "app"}})"_s
                                        .arg(fileUrl()).toUtf8()));
         Manager manager;
-        QCOMPARE(codeOf(finish(manager.setConfigPath(product), 20000)), 0);
+        QCOMPARE(codeOf(finish(manager.setConfigPath(product))), 0);
         QCOMPARE(manager.packageInfo().value("version"_s).toString(), "1.2"_s);
         Reply *reply = manager.setConfigPath(m_dir.filePath("missing.json"_s));
         QCOMPARE(reply->status(), Error::ConfigError);
@@ -507,10 +507,10 @@ private slots:
         QVERIFY(faults.start(m_repo));
         QElapsedTimer timer;
         timer.start();
-        const QVariantMap finished = finish(manager.setConfigData(config(faults.url("hang"_s), {{"stallTimeout"_s, 60}})), 30000);
+        const QVariantMap finished = finish(manager.setConfigData(config(faults.url("hang"_s), {{"stallTimeout"_s, 60}})));
         QCOMPARE(codeOf(finished), 0);
         QVERIFY(finished.value("result"_s).toMap().contains("resolveError"_s));
-        QVERIFY2(timer.elapsed() < 12000, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY2(timer.elapsed() < 40000, qPrintable(QString::number(timer.elapsed())));
     }
 };
 
