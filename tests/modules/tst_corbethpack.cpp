@@ -133,37 +133,6 @@ private slots:
                              + key));
     }
 
-    // While the disk falls behind, reading from the network stops: the peak
-    // memory of a fetch through a slow disk does not grow with the package,
-    // beyond that of a small fetch at full speed.
-    void slowDiskKeepsMemoryBounded()
-    {
-#ifndef VINDAL_SLOWDISK
-        QSKIP("the slow disk shim is built on Linux only, without sanitizers");
-#else
-        QTemporaryDir dir;
-        const QString big = dir.filePath("big.tolmpkg"_s);
-        QVERIFY(writeFile(dir.filePath("tree/payload.bin"_s), pseudoRandom(48 << 20, 9)));
-        QVERIFY(PackTool::ok({"create"_s, dir.filePath("tree"_s), "-o"_s, big}));
-        QVERIFY(PackTool::ok({"publish"_s, big, "--module"_s, "big"_s, "--version"_s, "1"_s, "--repo"_s, dir.filePath("repo"_s)}));
-        QVERIFY(PackTool::ok({"publish"_s, m_package, "--module"_s, "small"_s, "--version"_s, "1"_s, "--repo"_s, dir.filePath("repo"_s)}));
-        FaultServer server;
-        QVERIFY(server.start(dir.filePath("repo"_s)));
-        const auto peakOf = [&](const QString &module, const QString &bytesPerSecond) {
-            QProcessEnvironment environment = slowDiskEnvironment(dir.filePath("peak"_s));
-            environment.insert("SLOWDISK_BYTES_PER_SECOND"_s, bytesPerSecond);
-            const PackTool::Run run = PackTool::run({"fetch"_s, "--server"_s, server.url("ok"_s), "--module"_s, module, "-o"_s,
-                                                     dir.filePath("out"_s)}, environment);
-            return run.exitCode == 0 ? readFile(dir.filePath("peak"_s)).trimmed().toLongLong() : -1;
-        };
-        const qint64 small = peakOf("small"_s, "1e12"_s);
-        const qint64 slow = peakOf("big"_s, QString::number(24 << 20));
-        QVERIFY(small > 0 && slow > 0);
-        QVERIFY2(slow <= small + 6 * 1024, qPrintable("peak %1 KiB through the slow disk, %2 KiB for a small fetch"_s.arg(slow).arg(small)));
-        QCOMPARE(PackTool::md5Of(dir.filePath("out/big.tolmpkg"_s)), PackTool::md5Of(big));
-#endif
-    }
-
     // An index as large as a server cares to send (here 38,000 versions, 8 MB)
     // is refused or parsed within a fixed amount of memory.
     void largeIndexKeepsMemoryBounded()

@@ -382,25 +382,6 @@ private slots:
         else
             QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
     }
-
-    // Install, then the update finds the folder in the settings store,
-    // downloads the package again and runs the update operation.
-    void silentUpdate()
-    {
-        SettingsSandbox store;
-        QTemporaryDir run;
-        const QString config = configFile(m_repository);
-        const auto setup = [&](const QStringList &arguments) {
-            return QProcess::execute(QStringLiteral(CORBETH_SETUP_PROGRAM),
-                                     QStringList{"--silent"_s, "--config"_s, config, "--from"_s, run.path()} + arguments);
-        };
-        QCOMPARE(setup({"--path"_s, run.filePath("inst"_s)}), 0);
-        QVERIFY(!QFileInfo::exists(run.filePath("inst/updated.txt"_s)));
-        QCOMPARE(setup({"--update"_s}), 0);
-        QCOMPARE(readFile(run.filePath("inst/updated.txt"_s)), QByteArray("sample"));
-        QCOMPARE(setup({"--uninstall"_s}), 0);
-        QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
-    }
 };
 
 int main(int argc, char *argv[])
