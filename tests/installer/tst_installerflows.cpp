@@ -221,7 +221,7 @@ private slots:
             QTRY_VERIFY_WITH_TIMEOUT(logs.contains("install fail"_s, QtCriticalMsg), 30000);
         QVERIFY2(logs.contains(log, QtCriticalMsg), qPrintable(logs.dump()));
         // The signal crosses from the pool thread, so it may arrive after the log line.
-        QTRY_COMPARE(m_events.filter("error"_s).join(QLatin1Char(',')), errors);
+        QTRY_COMPARE_WITH_TIMEOUT(m_events.filter("error"_s).join(QLatin1Char(',')), errors, 30000);
         QCOMPARE(m_events.count("installPackageFinished"_s) + m_events.count("uninstallPackageFinished"_s), finished);
         QVERIFY(QFile::exists(inst("package/bin/demo"))); // nothing removed
     }

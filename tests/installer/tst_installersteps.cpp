@@ -302,7 +302,7 @@ private slots:
         polite.start(helper, {"--sleep"_s, "60000"_s});
         hard.start(stubborn, {"-c"_s, "trap '' TERM; while :; do sleep 1; done"_s});
         QVERIFY(polite.waitForStarted() && hard.waitForStarted());
-        QTRY_VERIFY(!ProcessCloser::find(name + "-shell"_s).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!ProcessCloser::find(name + "-shell"_s).isEmpty(), 30000);
 
         // The test program's own name is listed too: the engine never ends itself.
         const QString self = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
@@ -412,7 +412,7 @@ private slots:
         QVERIFY(!engine.isSuicide());
         engine.suicide(product);
         QVERIFY(engine.isSuicide());
-        QTRY_VERIFY(!ProcessCloser::find(name).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!ProcessCloser::find(name).isEmpty(), 30000);
         QVERIFY(ProcessCloser::close(name, 1000));
         QFile::remove(tool);
     }

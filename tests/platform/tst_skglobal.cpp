@@ -112,7 +112,7 @@ private slots:
         for (const QString &file : {mainPidFile, childPidFile, detachedPidFile}) {
             const qint64 pid = ::readFile(file).toLongLong();
             QVERIFY2(pid > 0, qPrintable(file));
-            QTRY_VERIFY2_WITH_TIMEOUT(processEnded(pid), qPrintable(file), 5000);
+            QTRY_VERIFY2_WITH_TIMEOUT(processEnded(pid), qPrintable(file), 30000);
         }
     }
 
