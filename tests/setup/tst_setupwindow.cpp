@@ -351,6 +351,8 @@ private slots:
         QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << QString();
         QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << QString();
         QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << QString();
+        QTest::newRow("help") << QStringList{"--help"_s} << 0 << QString();
+        QTest::newRow("version") << QStringList{"--version"_s} << 0 << QString();
     }
 
     void silent()
@@ -367,7 +369,12 @@ private slots:
         arguments.replaceInStrings("%media"_s, run.filePath("media"_s));
         arguments.replaceInStrings("%tampered"_s, run.filePath("tampered"_s));
         arguments.replaceInStrings("%work"_s, run.path());
+        // None of it needs a display: X is asked for, and there is none.
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove("DISPLAY"_s);
+        environment.insert("QT_QPA_PLATFORM"_s, "xcb"_s);
         QProcess setup;
+        setup.setProcessEnvironment(environment);
         setup.start(QStringLiteral(CORBETH_SETUP_PROGRAM),
                     QStringList{"--silent"_s, "--config"_s, configFile(m_repository), "--from"_s, run.filePath("empty"_s),
                                 "--path"_s, run.filePath("inst"_s)}
