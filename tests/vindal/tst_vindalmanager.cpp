@@ -187,6 +187,9 @@ private slots:
         QTest::addColumn<QString>("message");
         QTest::newRow("ok") << "ok" << false << 0 << "";
         QTest::newRow("dropped connection") << "drop" << false << 0 << "";
+        QTest::newRow("lying mirror, honest mirror") << "liar" << false << 0 << "";
+        QTest::newRow("link in place of the part file") << "ok part-link" << false << 0 << "";
+        QTest::newRow("links in place of the package") << "ok package-link" << false << 0 << "";
         QTest::newRow("503 then success") << "busy" << false << 0 << "";
         QTest::newRow("endless body") << "endless" << false << 0 << "";
         QTest::newRow("redirect to http") << "tohttp" << false << 0 << "";
@@ -222,6 +225,16 @@ private slots:
         } else {
             QVERIFY(faults.start(m_repo));
             base = faults.url(server.section(QLatin1Char(' '), 0, 0));
+            if (server == "liar"_s)
+                more.insert("mirrors"_s, QStringList{faults.url("ok"_s)});
+        }
+        const QString sentinel = m_dir.filePath("sentinel"_s);
+        if (server.endsWith("-link"_s)) { // someone's files linked in place of the download's own
+            QVERIFY(writeFile(sentinel, "sentinel") && writeFile(sentinel + ".package"_s, readFile(m_package)) && m_store.mkpath("."_s));
+            const bool part = server.endsWith("part-link"_s);
+            QVERIFY(QFile::link(part ? sentinel : sentinel + ".package"_s, stored(part ? ".part"_s : QString())));
+            QVERIFY(part ? writeFile(stored(".part.json"_s), R"({"sha256": "%1"})"_s.arg(FileDigest::ofFile(m_package).sha256).toUtf8())
+                         : QFile::link(sentinel, stored(".verify"_s)));
         }
         Manager manager;
         qint64 part = 0;
@@ -244,6 +257,12 @@ private slots:
         if (server == "drop"_s || server == "norange"_s) // resumed, or asked to resume
             QVERIFY2(faults.log().contains("/" + server.toLatin1() + "/modules/app/" + FileName.toLatin1() + " Range: bytes="),
                      faults.log().constData());
+        if (server == "drop"_s || server == "liar"_s) // a validator goes back only to the server that gave it
+            QCOMPARE(faults.log().contains("If-Range: \"v1\""), server == "drop"_s);
+        if (server.endsWith("-link"_s)) { // never written through, never left in place
+            QCOMPARE(readFile(sentinel), QByteArray("sentinel"));
+            QVERIFY(!QFileInfo(stored()).isSymLink() && !QFileInfo(stored(".verify"_s)).isSymLink());
+        }
         if (afterDrop && code != 0) // a connection closed before any answer leaves the part file as it is
             QCOMPARE(QFileInfo(stored(".part"_s)).size(), part);
         if (!afterDrop && !server.startsWith("https"_s)) // the index of the configuration served the download too
