@@ -201,7 +201,7 @@ bool Download::acceptHeaders()
     const int status = Transfer::statusOf(m_reply);
     const QString url = m_reply->url().toString();
     if (status == 206 && m_rangeRequested) {
-        static const QRegularExpression range(QStringLiteral("^bytes (\\d+)-(\\d+)/(\\d+)$"));
+        static const QRegularExpression range(QRegularExpression::anchoredPattern(QStringLiteral("bytes (\\d+)-(\\d+)/(\\d+)")));
         const auto match = range.match(QString::fromLatin1(m_reply->rawHeader("Content-Range")));
         if (!match.hasMatch() || match.captured(1).toLongLong() != m_written || match.captured(3).toLongLong() != m_entry.size) {
             m_refusal.outcome = Outcome::failure(Error::DownloadFailed,
