@@ -138,7 +138,6 @@ private:
     void completeProgress();
     bool isRunning() const;
     bool refuseWhileWaiting(const char *what);
-    void cleanCache(const QString &cache);
 
     int m_retryCount = 0;
     uint m_taskStatus = CBEnum::TS_Freeing;

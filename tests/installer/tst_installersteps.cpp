@@ -1,6 +1,7 @@
 // The installer's steps one by one: files, white list, settings, the process
 // step, the progress rule, closing programs, drivers, older software, the
 // cleanup tool and the offline package.
+#include "installer/downloadcache.h"
 #include "platform/processcloser.h"
 #include "platform/protectedpath.h"
 #include "platform/skglobal.h"
@@ -12,6 +13,8 @@
 #include <QtCore/QDirIterator>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
+
+#include <unistd.h>
 
 using namespace Corbeth;
 using namespace TestProduct;
@@ -203,6 +206,31 @@ private slots:
         QVERIFY(installer.removeFiles({"${installPath}"_s, QDir::homePath()}, {}));
         QVERIFY(logs.contains("remove file erorr"_s));
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
+    }
+
+    // The download cache is used, cleaned and removed only as a folder of this
+    // user: what a link in its place points to, or another user's folder, stays.
+    void downloadCache_data()
+    {
+        QTest::addColumn<bool>("link");
+        QTest::newRow("link to a folder") << true;
+        QTest::newRow("folder of another user") << false;
+    }
+    void downloadCache()
+    {
+        QFETCH(bool, link);
+        const QString cache = DownloadCache::folderOf(m_dir.path());
+        const QString kept = link ? path("outside/keep.txt"_s) : cache + "/keep.txt"_s;
+        QVERIFY(writeFile(kept, "keep"));
+        if (link)
+            QVERIFY(QFile::link(path("outside"_s), cache));
+        else if (::geteuid() != 0 || ::chown(QFile::encodeName(cache).constData(), 65534, 65534) != 0)
+            QSKIP("giving a folder to another user needs root");
+        m_installer.removeUpdateDir();
+        DownloadCache::clean(m_dir.path(), "app"_s);
+        QCOMPARE(readFile(kept), QByteArray("keep"));
+        QCOMPARE(DownloadCache::prepare(m_dir.path()), link);
+        QVERIFY(!QFileInfo(cache).isSymLink());
     }
 
     void settingsAndUninstallRecord()

@@ -191,6 +191,9 @@ private slots:
         QTest::newRow("publish, empty key") << QStringList{"publish"_s, "@/app.tolmpkg"_s, "--repo"_s, "#/repo"_s,
                                                            "--module"_s, "app"_s, "--version"_s, "3"_s, "--key"_s, ""_s}
                                             << 1 << "--key is empty [ConfigError]"_s;
+        QTest::newRow("publish, the index's name with a dot")
+            << QStringList{"publish"_s, "@/index.json."_s, "--repo"_s, "#/repo"_s, "--module"_s, "app"_s, "--version"_s, "3"_s}
+            << 1 << "\"index.json.\" is taken by the repository layout"_s;
         QTest::newRow("fetch, package 404 over http")
             << QStringList{"fetch"_s, "--server"_s, "%gone"_s, "--module"_s, "app"_s, "-o"_s, "#"_s} << 1
             << "app.tolmpkg does not exist [NotFound]"_s;

@@ -414,6 +414,13 @@ private slots:
         QTest::newRow("named like the index") << "index.json" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("named like the signature") << "Index.JSON.sig" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("named like a part file") << "a.tolmpkg.part" << "app" << "1.0" << int(Error::ConfigError);
+        // Names that "$" let through, and names Windows reads as the index or as a device.
+        QTest::newRow("index with a line break") << "index.json\n" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("part file with a line break") << "a.tolmpkg.part\n" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("version with a line break") << "a.tolmpkg" << "app" << "1.0\n" << int(Error::ConfigError);
+        QTest::newRow("module with a trailing dot") << "a.tolmpkg" << "app." << "1.0" << int(Error::ConfigError);
+        QTest::newRow("index with a trailing dot") << "Index.json." << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("device name") << "nul.tolmpkg" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("file name taken by another version") << "taken.tolmpkg" << "app" << "2.0" << int(Error::ConfigError);
         QTest::newRow("missing package") << "missing.tolmpkg" << "app" << "1.0" << int(Error::NotFound);
     }
