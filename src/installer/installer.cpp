@@ -333,7 +333,8 @@ bool Installer::update()
     bool result = false;
     const int started = epoch();
 
-    // Phase 1: the update's own files. A failure is reported and phase 2 runs all the same.
+    // Phase 1: the update's own files. A failure ends the update: phase 2
+    // would remove what the update copied from, the only good copy left.
     waitForTask(started, 10000, 50.0, [this, info, &result](QEventLoop *loop) {
         result = cutFiles(info->coverFiles);
         if (!result) {
@@ -342,7 +343,7 @@ bool Installer::update()
         }
         quitLater(loop);
     });
-    if (revoked(started))
+    if (revoked(started) || !result)
         return false;
     advanceProgress(50, 50);
 

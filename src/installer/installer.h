@@ -198,6 +198,9 @@ private:
     QWaitCondition m_idle;
     QSet<QEventLoop *> m_loops;
 
+    // Set by a copy that began but could not be completed (a full disk).
+    bool m_writeFailed = false;
+
     bool m_isSuicide = false;
     QString m_suicideToolPath;
 

@@ -9,6 +9,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QMetaEnum>
+#include <QtCore/QSaveFile>
 
 namespace Corbeth {
 
@@ -24,21 +25,24 @@ const char *levelName(ErrorLevel level)
     return QMetaEnum::fromType<ErrorLevel>().valueToKey(level);
 }
 
-bool copyFileContent(const QFileInfo &entry, const QString &target)
+enum class Copied { Done, NotOpened, NotWritten };
+
+// Written under a temporary name beside target and renamed over it only once
+// every byte is there: a full disk leaves the old file as it was. A link at
+// target is replaced, never written through.
+Copied copyFileContent(const QFileInfo &entry, const QString &target)
 {
+    if (QFileInfo(target).isSymLink())
+        QFile::remove(target);
     QFile in(entry.absoluteFilePath());
-    QFile out(target);
-    if (!in.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
-        || !out.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
-        qCCritical(lcCorbeth) << "open fail" << entry.absoluteFilePath() << target;
-        return false;
-    }
-    FileContent::copy(in, out, kMaxBlock);
-    out.close();
-    in.close();
-    // Installed programs must stay executable.
-    QFile::setPermissions(target, entry.permissions());
-    return true;
+    QSaveFile out(target);
+    if (!in.open(QIODevice::ReadOnly | QIODevice::Unbuffered) || !out.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+        return Copied::NotOpened;
+    // Installed programs stay executable; nobody but the owner may change them.
+    const QFileDevice::Permissions permissions = entry.permissions() & ~(QFile::WriteGroup | QFile::WriteOther);
+    if (!FileContent::copy(in, out, kMaxBlock) || !out.setPermissions(permissions) || !out.commit())
+        return Copied::NotWritten;
+    return Copied::Done;
 }
 
 // Moves each white-listed path aside under its marker name (hide) or gives it
@@ -75,7 +79,14 @@ bool Installer::cutFiles(const QList<CoverFileInfo> &items)
         }
         if (!checkPathExist(item.level, {{QStringLiteral("path"), src}}, QStringLiteral("cutFiles")))
             return false;
-        coverFile(src, dest); // a failed copy is only logged
+        // A copy that could not start is only logged; one that could not be
+        // completed (a full disk) fails the step, so nothing relies on it.
+        m_writeFailed = false;
+        coverFile(src, dest);
+        if (m_writeFailed) {
+            qCCritical(lcCorbeth) << "cover files incomplete" << src << dest;
+            return false;
+        }
     }
     return true;
 }
@@ -100,10 +111,10 @@ bool Installer::coverFile(const QString &src, const QString &dest)
 {
     const QFileInfo info(src);
     if (info.isFile()) {
-        if (QFile::exists(dest) && !QFile::remove(dest))
-            qCCritical(lcCorbeth) << "remove fail" << dest;
-        if (QFile::copy(src, dest))
+        const Copied copied = copyFileContent(info, dest);
+        if (copied == Copied::Done)
             return true;
+        m_writeFailed = copied == Copied::NotWritten;
         qCCritical(lcCorbeth) << "file copy fail " << src << dest;
         return false;
     }
@@ -155,10 +166,16 @@ bool Installer::copyTree(const QString &srcDir, const QString &destDir, QDir::Fi
         } else if (entry.isDir()) {
             makeDir(target);
             copyTree(entry.absoluteFilePath(), target, filters, suffix, root);
+            if (m_writeFailed)
+                return false;
         } else if (entry.isFile()) {
-            if (QFile::exists(target))
-                QFile::remove(target);
-            if (!copyFileContent(entry, target))
+            const Copied copied = copyFileContent(entry, target);
+            if (copied == Copied::NotOpened)
+                qCCritical(lcCorbeth) << "open fail" << entry.absoluteFilePath() << target;
+            else if (copied == Copied::NotWritten)
+                qCCritical(lcCorbeth) << "file write fail" << entry.absoluteFilePath() << target;
+            m_writeFailed = copied == Copied::NotWritten;
+            if (copied != Copied::Done)
                 return false;
         }
     }

@@ -13,6 +13,11 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
 
+#include <csignal>
+#include <optional>
+
+#include <sys/resource.h>
+
 using namespace Corbeth;
 using namespace TestProduct;
 
@@ -36,6 +41,24 @@ ProcessHelper helperItem(ErrorLevel level, const QStringList &args, int timeout 
 {
     return {level, testHelperPath(), args, extra, 0, timeout};
 }
+
+// While it lives, writing a file beyond bytes fails as on a full disk (EFBIG)
+// instead of ending the process with SIGXFSZ.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        const rlimit limit{bytes, m_old.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &m_old); }
+
+private:
+    rlimit m_old{};
+};
 
 } // namespace
 
@@ -64,20 +87,26 @@ private slots:
         QTest::addColumn<bool>("result");
         QTest::addColumn<QStringList>("copied");
         QTest::addColumn<QString>("log");
+        QTest::addColumn<int>("sizeLimit"); // a disk that fills after so many bytes, 0: none
         const int crit = EL_Critical;
-        QTest::newRow("file") << "src/a.txt"_s << "out/x.txt"_s << crit << true << QStringList{"x.txt"_s} << ""_s;
+        QTest::newRow("file") << "src/a.txt"_s << "out/x.txt"_s << crit << true << QStringList{"x.txt"_s} << ""_s << 0;
         QTest::newRow("folder tree") << "src"_s << "out"_s << crit << true
-                                     << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s, "sub/d.txt"_s} << ""_s;
+                                     << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s, "sub/d.txt"_s} << ""_s << 0;
         QTest::newRow("star star: files only") << "src/*.*"_s << "out"_s << crit << true
-                                               << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s} << ""_s;
+                                               << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s} << ""_s << 0;
         QTest::newRow("star suffix: complete suffix") << "src/*.txt"_s << "out"_s << crit << true
-                                                      << QStringList{"a.txt"_s} << ""_s;
-        QTest::newRow("pattern without matches") << "src/*.xyz"_s << "out"_s << crit << true << QStringList() << ""_s;
-        QTest::newRow("missing critical") << "nowhere"_s << "out"_s << crit << false << QStringList() << "dir not exist"_s;
-        QTest::newRow("missing warn") << "nowhere"_s << "out"_s << int(EL_Warn) << true << QStringList() << "not exist"_s;
-        QTest::newRow("src == dest") << "nowhere"_s << "nowhere"_s << crit << true << QStringList() << "src == dest"_s;
+                                                      << QStringList{"a.txt"_s} << ""_s << 0;
+        QTest::newRow("pattern without matches") << "src/*.xyz"_s << "out"_s << crit << true << QStringList() << ""_s << 0;
+        QTest::newRow("missing critical") << "nowhere"_s << "out"_s << crit << false << QStringList() << "dir not exist"_s << 0;
+        QTest::newRow("missing warn") << "nowhere"_s << "out"_s << int(EL_Warn) << true << QStringList() << "not exist"_s << 0;
+        QTest::newRow("src == dest") << "nowhere"_s << "nowhere"_s << crit << true << QStringList() << "src == dest"_s << 0;
         QTest::newRow("file into missing folder") << "src/a.txt"_s << "out/deep/x.txt"_s << crit << true
-                                                  << QStringList() << "file copy fail "_s;
+                                                  << QStringList() << "file copy fail "_s << 0;
+        // The step fails, the old file stays whole and no part of the new one is left.
+        QTest::newRow("file, disk full") << "src/a.txt"_s << "out/old.txt"_s << int(EL_Warn) << false
+                                         << QStringList{"old.txt"_s} << "cover files incomplete"_s << 3;
+        QTest::newRow("folder, disk full") << "src/sub"_s << "out"_s << crit << false << QStringList{"old.txt"_s}
+                                           << "file write fail"_s << 3;
     }
 
     void cutFiles()
@@ -89,10 +118,20 @@ private slots:
         CoverFileInfo item;
         item.pair = {"${installPath}/"_s + src, "${installPath}/"_s + dest};
         item.level = static_cast<ErrorLevel>(level);
+        QFETCH(int, sizeLimit);
         QDir().mkpath(path("out"_s));
+        if (sizeLimit)
+            writeFile(path("out/old.txt"_s), "old");
         LogCapture logs;
-        QTEST(m_installer.cutFiles({item}), "result");
+        {
+            std::optional<FileSizeLimit> disk;
+            if (sizeLimit)
+                disk.emplace(sizeLimit);
+            QTEST(m_installer.cutFiles({item}), "result");
+        }
         QTEST(filesBelow(path("out"_s)), "copied");
+        if (sizeLimit)
+            QCOMPARE(readFile(path("out/old.txt"_s)), QByteArray("old"));
         QVERIFY2(logs.contains(log), qPrintable(logs.dump()));
     }
 
