@@ -12,6 +12,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
+#include <QtCore/QVector>
 #include <QtCore/QWaitCondition>
 
 #include <functional>
@@ -38,6 +39,9 @@ public:
     // Replaces every "${name}" placeholder the engine knows, in a fixed order,
     // then the custom tags in name order; unknown placeholders stay.
     QString expandPath(const QString &path) const;
+    // Whether path holds a placeholder the engine knows whose value is empty:
+    // "${desktop}/${tag}" would then name the desktop itself.
+    bool hasEmptyVariable(const QString &path) const;
 
     // The section parser and its item parsers. An item parser returns false at
     // the first bad entry; what it appended before stays.
@@ -162,6 +166,8 @@ private:
     void loadDriverIdentification();
     QString olderInstallPathFromSettings() const;
     void initStandardLocations();
+    // Each placeholder with its value, in the order expandPath() replaces them.
+    QVector<QPair<QString, QString>> pathVariables() const;
     InstallInfoSet currentSet() const;
     void setCurrentSet(const InstallInfoSet &set);
 

@@ -211,10 +211,15 @@ bool Installer::removeFiles(const QStringList &files, const QStringList &whiteLi
 {
     filesToWhite(whiteList);
     for (const QString &file : files) {
-        const QString path = expandPath(file);
-        // An unset variable can leave "" (the working folder) or "/bin": such
-        // paths are never removed.
-        const bool isProtected = ProtectedPath::isProtected(std::filesystem::u8path(path.toStdString()));
+        const QString expanded = expandPath(file);
+        // An unset variable can leave "" (the working folder), "/bin" or a
+        // shared folder in place of a file in it ("${desktop}/${tag}"); ".."
+        // is resolved before the check, and the path checked is the path removed.
+        const bool isProtected = expanded.isEmpty() || hasEmptyVariable(file)
+            || ProtectedPath::isProtected(std::filesystem::u8path(expanded.toStdString()));
+        const QString path = isProtected ? expanded
+                                         : QString::fromStdString(
+                                               ProtectedPath::located(std::filesystem::u8path(expanded.toStdString())).u8string());
         if (!isProtected && QFile::remove(path))
             qCDebug(lcCorbeth) << "remove file sccuess" << path;
         else if (!isProtected && removeDir(QDir(path)))

@@ -221,10 +221,15 @@ private slots:
         for (const QString &p : {"/"_s, "/usr"_s, "/usr/lib/x86_64-linux-gnu"_s, "/usr/share/doc"_s, "/var/lib/dpkg"_s,
                                  "/run/user"_s, "/etc/ssl/"_s, "/home"_s, "/home/alice"_s, "/home/alice/"_s,
                                  "/opt"_s, "/usr/local"_s, "/usr/local/bin"_s, "/tmp"_s, "/proc/1"_s, ""_s,
-                                 QDir::homePath(), QDir::homePath() + "/.."_s})
+                                 QDir::homePath(), QDir::homePath() + "/.."_s, "/root/Desktop"_s})
             row(p, true);
+        // Shared per-user folders, also reached by climbing.
+        for (const char *p : {"/Desktop", "/Documents", "/.local/share", "/.config", "/.cache",
+                              "/.local/share/applications", "/.local/share/applications/..", "/.local/share/x/../.."})
+            row(QDir::homePath() + QLatin1String(p), true);
         for (const QString &p : {"/opt/product"_s, "/usr/local/product"_s, "/home/alice/product"_s,
-                                 "/tmp/product"_s, QDir::homePath() + "/product"_s})
+                                 "/tmp/product"_s, QDir::homePath() + "/product"_s,
+                                 QDir::homePath() + "/.local/share/product"_s, QDir::homePath() + "/Desktop/Demo.lnk"_s})
             row(p, false);
     }
     void protectedFolders()
@@ -237,11 +242,14 @@ private slots:
     void removeFilesNeverTakesProtectedFolders()
     {
         Installer installer; // its install path is empty
+        QVERIFY(installer.parseCustomTag({QVariantMap{{"name"_s, "tag"_s}}})); // a tag whose value is empty
         writeFile(QDir::homePath() + "/marker"_s, "home");
+        writeFile(path("keep/marker"_s), "folder of an empty element");
         LogCapture logs;
-        QVERIFY(installer.removeFiles({"${installPath}"_s, QDir::homePath()}, {}));
-        QVERIFY(logs.contains("remove file erorr"_s));
+        QVERIFY(installer.removeFiles({"${installPath}"_s, QDir::homePath(), path("keep/${tag}"_s)}, {}));
+        QCOMPARE(logs.count("remove file erorr"_s), 3);
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
+        QVERIFY(QFile::exists(path("keep/marker"_s)));
     }
 
     void settingsAndUninstallRecord()
