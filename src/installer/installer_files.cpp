@@ -5,6 +5,7 @@
 #include "logging_p.h"
 #include "platform/filecontent.h"
 #include "platform/protectedpath.h"
+#include "platform/treeremover.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -233,32 +234,30 @@ bool Installer::removeFiles(const QStringList &files, const QStringList &whiteLi
 
 bool Installer::removeDir(const QDir &dir)
 {
-    if (!dir.exists()) {
+    // Hidden entries are not the removal's (the folder listings of the
+    // contract leave them out), nor are white-listed ones; dangling links,
+    // FIFOs and sockets are, so they do not keep the folder. Links are removed
+    // as links, never followed.
+    const auto rule = [](const std::filesystem::path &entry) {
+        const std::string name = entry.filename().u8string();
+        return name.rfind('.', 0) == 0 || entry.u8string().find(kWhiteMarker.data()) != std::string::npos
+            ? TreeRemover::Entry::Keep
+            : TreeRemover::Entry::Remove;
+    };
+    const QString path = dir.absolutePath();
+    switch (TreeRemover::remove(std::filesystem::u8path(path.toStdString()), rule)) {
+    case TreeRemover::Status::Missing:
         qCCritical(lcCorbeth) << "removeDir" << "not exist" << dir.path();
         return false;
-    }
-    // System: dangling links, FIFOs and sockets, which would otherwise be left
-    // behind and keep the folder.
-    const QDir::Filters filters = QDir::Filters(0x6007) | QDir::System;
-    const QFileInfoList entries = dir.entryInfoList(filters, QDir::NoSort);
-    for (const QFileInfo &entry : entries) {
-        const QString path = entry.filePath();
-        if (path.contains(kWhiteMarker))
-            continue;
-        // A link is removed as a link: following it would reach files outside
-        // the folder being removed.
-        if ((!entry.isDir() || entry.isSymLink()) && QFile::remove(path))
-            continue;
-        if (!entry.isSymLink())
-            removeDir(QDir(path));
-    }
-    // A fresh listing, counting "." and "..": the one above is out of date.
-    QDir current(dir.absolutePath());
-    current.setFilter(QDir::AllEntries | QDir::System);
-    if (current.count() > 2)
+    case TreeRemover::Status::Refused:
+        qCCritical(lcCorbeth) << "removeDir" << "refused" << path;
+        return false;
+    case TreeRemover::Status::Incomplete:
+        qCWarning(lcCorbeth) << "path exist file" << path;
         return true;
-    if (!QDir().rmdir(current.absolutePath()))
-        qCWarning(lcCorbeth) << "path exist file" << current.absolutePath();
+    case TreeRemover::Status::Done:
+        break;
+    }
     return true;
 }
 

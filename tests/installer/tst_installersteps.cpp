@@ -13,8 +13,13 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
 
+#include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <optional>
+#include <thread>
+
+#include <fcntl.h>
 
 #include <sys/resource.h>
 
@@ -250,6 +255,48 @@ private slots:
         QCOMPARE(logs.count("remove file erorr"_s), 3);
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
         QVERIFY(QFile::exists(path("keep/marker"_s)));
+    }
+
+    // A folder exchanged with a link to a neighbour while the removal walks
+    // is never followed: a thread keeps exchanging them, for a bounded number of tries.
+    void removalNeverFollowsASwappedLink_data()
+    {
+        QTest::addColumn<bool>("tool");
+        QTest::addColumn<int>("tries");
+        QTest::newRow("engine") << false << 400;
+        QTest::newRow("cleanup tool") << true << 40;
+    }
+
+    void removalNeverFollowsASwappedLink()
+    {
+        QFETCH(bool, tool);
+        QFETCH(int, tries);
+        const QString product = path("product"_s);
+        const QString precious = path("victim/precious"_s);
+        writeFile(precious, "mine");
+        const QByteArray folder = QFile::encodeName(product + "/sub"_s);
+        const QByteArray link = QFile::encodeName(product + "/sub-link"_s);
+        for (int i = 0; i < tries && QFile::exists(precious); ++i) {
+            for (const char *name : {"a", "b", "c", "sub/d", "sub/e", "sub/f"})
+                writeFile(product + QLatin1Char('/') + QLatin1String(name), "x");
+            QVERIFY(QFile::link(path("victim"_s), QFile::decodeName(link)));
+            std::atomic<bool> stop{false};
+            std::thread swapper([&] {
+                while (!stop)
+                    ::renameat2(AT_FDCWD, folder.constData(), AT_FDCWD, link.constData(), RENAME_EXCHANGE);
+            });
+            if (tool) {
+                QFile::remove(path("cleanup"_s));
+                QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), path("cleanup"_s));
+                QProcess::execute(path("cleanup"_s), {"--pid"_s, "999999999"_s, "--dir"_s, product, "--retry"_s, "0"_s});
+            } else {
+                m_installer.removeFiles({product}, {});
+            }
+            stop = true;
+            swapper.join();
+            QDir(product).removeRecursively();
+        }
+        QCOMPARE(readFile(precious), QByteArray("mine"));
     }
 
     void settingsAndUninstallRecord()
