@@ -137,6 +137,7 @@ void Installer::advanceProgress(double step, double ceiling)
 bool Installer::installPackage()
 {
     qCInfo(lcCorbeth) << "install packageeeeeeee";
+    recoverWhiteList();
     const int started = epoch();
     startTask([this, started] {
         if (runInstallSteps(started))
@@ -247,6 +248,7 @@ bool Installer::uninstallPackage(QString flow)
 {
     qCInfo(lcCorbeth) << "uninstall flow" << flow;
     m_uninstallInfo = orEmpty(m_uninstallInfo);
+    recoverWhiteList();
     if (flow == QLatin1String("update") && m_updateInfo) {
         // The update's white-listed files survive the uninstall that precedes it.
         m_uninstallInfo->whiteList.append(m_updateInfo->whiteList);
@@ -323,6 +325,7 @@ bool Installer::update()
     const InstallInfoPtr info = m_updateInfo;
     setInstallPath(m_installInfo ? m_installInfo->olderSoftwareInfo.olderInstallPath : QString());
     qCDebug(lcCorbeth) << "update path" << m_installPath;
+    recoverWhiteList();
     if (m_installPath.isEmpty()) {
         qCCritical(lcCorbeth) << "not install software" << m_installPath;
         emit errorOccurred(CBEnum::EC_SoftwarePathError);
@@ -393,6 +396,7 @@ bool Installer::updatePatch()
     }
 
     qCDebug(lcCorbeth) << "updatepatch path" << m_installPath;
+    recoverWhiteList();
     bool result = false;
     const int started = epoch();
     waitForTask(started, 3000, 70.0, [this, info, &result](QEventLoop *loop) {

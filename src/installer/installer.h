@@ -94,6 +94,10 @@ public:
     bool removeDir(const QDir &dir);
     void filesToWhite(const QStringList &whiteList);
     void whiteToFiles(const QStringList &whiteList);
+    // Gives back their names to the white-listed files of the uninstall and
+    // update descriptions that a run killed between filesToWhite and
+    // whiteToFiles left under their marker names. Every operation starts with it.
+    void recoverWhiteList();
 
     // Shortcuts, settings and uninstall entries.
     bool links(const QList<LinkInfo> &items);

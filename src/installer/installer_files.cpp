@@ -261,6 +261,29 @@ bool Installer::removeDir(const QDir &dir)
     return true;
 }
 
+void Installer::recoverWhiteList()
+{
+    QStringList whiteList;
+    for (const InstallInfoPtr &info : {m_uninstallInfo, m_updateInfo}) {
+        if (info)
+            whiteList += info->whiteList;
+    }
+    for (const QString &file : qAsConst(whiteList)) {
+        const QString path = expandPath(file);
+        const QFileInfo marked(path + kWhiteMarker);
+        if (path.isEmpty() || (!marked.exists() && !marked.isSymLink()))
+            continue;
+        // The marked file is the user's; a default made since gives way to it.
+        std::error_code error;
+        std::filesystem::rename(std::filesystem::u8path(marked.filePath().toStdString()),
+                                std::filesystem::u8path(path.toStdString()), error);
+        if (error)
+            qCWarning(lcCorbeth) << "white file not recovered" << marked.filePath() << error.message().c_str();
+        else
+            qCInfo(lcCorbeth) << "white file recovered" << path;
+    }
+}
+
 void Installer::filesToWhite(const QStringList &whiteList)
 {
     renameWhiteList(*this, whiteList, true);
