@@ -11,6 +11,7 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QRegularExpression>
 #include <QtCore/QStandardPaths>
 
 #include <algorithm>
@@ -373,6 +374,24 @@ QString Installer::expandPath(const QString &path) const
     QString expanded = path;
     for (const auto &variable : pathVariables())
         expanded.replace(variable.first, variable.second);
+    return expanded;
+}
+
+QString Installer::expandCommand(const QString &command) const
+{
+    // Word by word, as splitArguments() reads the line back; a word the
+    // configuration quoted itself is left as written.
+    static const QRegularExpression words(QStringLiteral("[^ \\t]+"));
+    QString expanded = command;
+    int shift = 0;
+    for (auto it = words.globalMatch(command); it.hasNext();) {
+        const QRegularExpressionMatch word = it.next();
+        QString value = expandPath(word.captured());
+        if (!word.captured().contains(QLatin1Char('"')) && (value.contains(QLatin1Char(' ')) || value.contains(QLatin1Char('\t'))))
+            value = QLatin1Char('"') + value + QLatin1Char('"');
+        expanded.replace(word.capturedStart() + shift, word.capturedLength(), value);
+        shift += value.size() - word.capturedLength();
+    }
     return expanded;
 }
 

@@ -39,6 +39,9 @@ public:
     // Replaces every "${name}" placeholder the engine knows, in a fixed order,
     // then the custom tags in name order; unknown placeholders stay.
     QString expandPath(const QString &path) const;
+    // A command line's placeholders replaced, each word that then holds a
+    // blank quoted ("${installPath}/un /S" in "My Apps" stays two arguments).
+    QString expandCommand(const QString &command) const;
     // Whether path holds a placeholder the engine knows whose value is empty:
     // "${desktop}/${tag}" would then name the desktop itself.
     bool hasEmptyVariable(const QString &path) const;

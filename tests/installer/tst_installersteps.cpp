@@ -305,16 +305,19 @@ private slots:
         SKGlobal *global = SKGlobal::instance();
         const QString root = "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall"_s;
         const QString other = "HKEY_CURRENT_USER\\SOFTWARE\\Demo"_s;
-        m_installer.settings({{root + "\\Demo"_s, {{"UninstallString"_s, "${installPath}/unins.exe"_s}}},
+        // An expanded path with a blank is quoted: the command splits back into its arguments.
+        m_installer.setInstallPath(path("My Apps/Demo"_s));
+        m_installer.settings({{root + "\\Demo"_s, {{"UninstallString"_s, "${installPath}/unins.exe /S"_s}}},
                               {root + "\\DemoTwo"_s, {{"UninstallString"_s, "two.exe"_s}}},
                               {other, {{"UninstallString"_s, "other.exe"_s}}}});
-        QCOMPARE(global->settingValue(root + "\\Demo"_s, "UninstallString"_s).toString(),
-                 QDir::toNativeSeparators(path("unins.exe"_s)));
+        const QString command = global->settingValue(root + "\\Demo"_s, "UninstallString"_s).toString();
+        QCOMPARE(Installer::splitArguments(command), (QStringList{path("My Apps/Demo/unins.exe"_s), "/S"_s}));
         QCOMPARE(global->settingValue(other, "UninstallString"_s).toString(), "other.exe"_s);
         // The application key drops as many leading characters as the last name is long, plus one.
         const QVariantMap record
             = global->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"_s, "UninstallObj"_s).toMap();
         QCOMPARE(record.keys(), (QStringList{root.mid(5) + "\\Demo"_s, root.mid(8) + "\\DemoTwo"_s}));
+        QCOMPARE(record.value(root.mid(5) + "\\Demo"_s).toMap().value("tolmInstallPath"_s).toString(), command);
     }
 
     void splitArguments_data()
