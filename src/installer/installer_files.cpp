@@ -238,14 +238,14 @@ bool Installer::removeDir(const QDir &dir)
     // contract leave them out), nor are white-listed ones; dangling links,
     // FIFOs and sockets are, so they do not keep the folder. Links are removed
     // as links, never followed.
-    const auto rule = [](const std::filesystem::path &entry) {
-        const std::string name = entry.filename().u8string();
-        return name.rfind('.', 0) == 0 || entry.u8string().find(kWhiteMarker.data()) != std::string::npos
-            ? TreeRemover::Entry::Keep
-            : TreeRemover::Entry::Remove;
-    };
     const QString path = dir.absolutePath();
-    switch (TreeRemover::remove(std::filesystem::u8path(path.toStdString()), rule)) {
+    const std::filesystem::path top = std::filesystem::u8path(path.toStdString());
+    const auto rule = [&top](const std::filesystem::path &entry) {
+        const std::string name = entry.filename().u8string();
+        const bool kept = name.rfind('.', 0) == 0 || entry.u8string().find(kWhiteMarker.data()) != std::string::npos;
+        return kept && entry != top ? TreeRemover::Entry::Keep : TreeRemover::Entry::Remove;
+    };
+    switch (TreeRemover::remove(top, rule)) {
     case TreeRemover::Status::Missing:
         qCCritical(lcCorbeth) << "removeDir" << "not exist" << dir.path();
         return false;
