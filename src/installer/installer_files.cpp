@@ -216,11 +216,9 @@ bool Installer::removeFiles(const QStringList &files, const QStringList &whiteLi
         // An unset variable can leave "" (the working folder), "/bin" or a
         // shared folder in place of a file in it ("${desktop}/${tag}"); ".."
         // is resolved before the check, and the path checked is the path removed.
-        const bool isProtected = expanded.isEmpty() || hasEmptyVariable(file)
-            || ProtectedPath::isProtected(std::filesystem::u8path(expanded.toStdString()));
-        const QString path = isProtected ? expanded
-                                         : QString::fromStdString(
-                                               ProtectedPath::located(std::filesystem::u8path(expanded.toStdString())).u8string());
+        const std::filesystem::path named = std::filesystem::u8path(expanded.toStdString());
+        const bool isProtected = expanded.isEmpty() || hasEmptyVariable(file) || ProtectedPath::isProtected(named);
+        const QString path = isProtected ? expanded : QString::fromStdString(ProtectedPath::located(named).u8string());
         if (!isProtected && QFile::remove(path))
             qCDebug(lcCorbeth) << "remove file sccuess" << path;
         else if (!isProtected && removeDir(QDir(path)))
