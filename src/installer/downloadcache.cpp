@@ -3,6 +3,7 @@
 #include "logging_p.h"
 #include "platform/ownedfolder.h"
 #include "platform/protectedpath.h"
+#include "platform/treeremover.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -52,7 +53,11 @@ bool DownloadCache::remove(const QString &installPath)
     case OwnedFolder::Link:
         return removeLink(folder);
     default:
-        return removable(folder) && QDir(folder).removeRecursively();
+        // Walked through open folders: one swapped for a link meanwhile is not followed.
+        return removable(folder)
+            && TreeRemover::remove(std::filesystem::u8path(folder.toStdString()),
+                                   [](const std::filesystem::path &) { return TreeRemover::Entry::Remove; })
+            == TreeRemover::Status::Done;
     }
 }
 

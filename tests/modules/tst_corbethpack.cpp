@@ -59,6 +59,9 @@ private slots:
         QVERIFY(writeFile(damaged, bytes));
         QVERIFY(writeFile(m_work.filePath("bogus.tolmpkg"_s), QByteArray(4096, 'x')));
         QVERIFY(QDir().mkpath(m_work.filePath("empty-repo"_s)));
+        // "café.txt" in composed and in decomposed form: two files on disk.
+        QVERIFY(writeFile(m_work.filePath(QStringLiteral("unicode/caf\u00e9.txt")), "composed"));
+        QVERIFY(writeFile(m_work.filePath(QStringLiteral("unicode/cafe\u0301.txt")), "decomposed"));
         QVERIFY(writeFile(m_work.filePath("empty.pub"_s), "\n"));
         // An index whose package is missing: the download gets a 404.
         QVERIFY(PackTool::ok(publish + QStringList{m_work.filePath("gone"_s)}));
@@ -201,6 +204,8 @@ private slots:
             << QStringList{"publish"_s, "p"_s, "--repo"_s, "r"_s, "--version"_s, "1"_s, "--module"_s, "m"_s,
                            "--expires"_s, "0"_s}
             << 2 << "--expires takes"_s;
+        QTest::newRow("create, names alike once normalised")
+            << QStringList{"create"_s, "@/unicode"_s, "-o"_s, "#/u.tolmpkg"_s} << 1 << "are one name once normalised"_s;
         QTest::newRow("nothing") << QStringList() << 2 << "Usage:"_s;
         QTest::newRow("unknown command") << QStringList{"pack"_s} << 2 << "unknown command"_s;
         QTest::newRow("create without -o") << QStringList{"create"_s, "."_s} << 2 << "missing -o"_s;

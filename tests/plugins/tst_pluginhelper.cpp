@@ -8,8 +8,12 @@
 #include <QtCore/QDir>
 #include <QtCore/QPluginLoader>
 #include <QtCore/QPointer>
+#include <QtCore/QProcess>
 #include <QtCore/QScopedPointer>
+#include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
+
+#include <filesystem>
 
 using namespace Corbeth;
 
@@ -55,6 +59,39 @@ private slots:
         QVERIFY(plugin);
         helper.reset();
         QVERIFY(plugin.isNull());
+    }
+
+    // A library that another user could change or put there is never loaded.
+    void refusesWhatOthersCanChange_data()
+    {
+        QTest::addColumn<bool>("folder"); // the folder is made unsafe, else the library
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<bool>("otherOwner");
+        QTest::newRow("folder writable by all") << true << 0777 << false;
+        QTest::newRow("folder writable by its group") << true << 0775 << false;
+        QTest::newRow("library writable by all") << false << 0666 << false;
+        QTest::newRow("library of another user") << false << 0644 << true;
+    }
+
+    void refusesWhatOthersCanChange()
+    {
+        QFETCH(bool, folder);
+        QFETCH(int, mode);
+        QFETCH(bool, otherOwner);
+        QTemporaryDir dir;
+        const QString plugins = dir.filePath(QStringLiteral("plugins"));
+        const QString library = plugins + QStringLiteral("/diskinfo.so");
+        const QFileInfoList built = QDir(pluginDir).entryInfoList({QStringLiteral("*tst_diskinfo.*")}, QDir::Files);
+        QVERIFY(QDir().mkpath(plugins) && !built.isEmpty() && QFile::copy(built.first().absoluteFilePath(), library));
+        const QString unsafe = folder ? plugins : library;
+        std::filesystem::permissions(unsafe.toStdString(), std::filesystem::perms(mode));
+        if (otherOwner && QProcess::execute(QStringLiteral("chown"), {QStringLiteral("nobody"), unsafe}) != 0)
+            QSKIP("only the administrator can give a file to another user");
+        LogCapture log;
+        PluginHelper helper;
+        QCOMPARE(helper.initPluginLoader(plugins), folder ? CBEnum::EC_FileNotOpen : CBEnum::EC_NoError);
+        QVERIFY(helper.pluginNames().isEmpty());
+        QVERIFY2(log.contains(QLatin1Char('"') + unsafe + QLatin1Char('"'), QtCriticalMsg), qPrintable(log.dump()));
     }
 
     // Loaded from the folder the configuration names with a path variable.
