@@ -11,6 +11,7 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QRegularExpression>
 #include <QtCore/QStandardPaths>
 
 #include <algorithm>
@@ -348,27 +349,61 @@ bool Installer::parseOlderSoftware(const QVariant &value, OlderSoftwareInfo &out
     return true;
 }
 
+QVector<QPair<QString, QString>> Installer::pathVariables() const
+{
+    // Fixed order: a value holding a later placeholder is expanded further, one
+    // holding an earlier placeholder is not.
+    QVector<QPair<QString, QString>> variables = {
+        {QStringLiteral("${olderInstallPath}"), olderSoftwarePath()},
+        {QStringLiteral("${installPath}"), m_installPath},
+        {QStringLiteral("${installPackagePath}"), QFileInfo(m_packagePath).absolutePath()},
+        {QStringLiteral("${startMenuPrograms}"), m_startMenuPrograms},
+        {QStringLiteral("${desktop}"), m_desktop},
+        {QStringLiteral("${TolmInstallerPath}"), QCoreApplication::applicationDirPath()},
+        {QStringLiteral("${appDataPath}"), m_appDataPath},
+    };
+    for (auto it = m_customTags.cbegin(); it != m_customTags.cend(); ++it)
+        variables.append({QLatin1String("${") + it.key() + QLatin1Char('}'), it.value()});
+    return variables;
+}
+
 QString Installer::expandPath(const QString &path) const
 {
     if (!path.contains(QLatin1String("${")))
         return path;
-    // Fixed order: a value holding a later placeholder is expanded further, one
-    // holding an earlier placeholder is not.
-    const QPair<QLatin1String, QString> fixed[] = {
-        {QLatin1String("${olderInstallPath}"), olderSoftwarePath()},
-        {QLatin1String("${installPath}"), m_installPath},
-        {QLatin1String("${installPackagePath}"), QFileInfo(m_packagePath).absolutePath()},
-        {QLatin1String("${startMenuPrograms}"), m_startMenuPrograms},
-        {QLatin1String("${desktop}"), m_desktop},
-        {QLatin1String("${TolmInstallerPath}"), QCoreApplication::applicationDirPath()},
-        {QLatin1String("${appDataPath}"), m_appDataPath},
-    };
     QString expanded = path;
-    for (const auto &variable : fixed)
+    for (const auto &variable : pathVariables())
         expanded.replace(variable.first, variable.second);
-    for (auto it = m_customTags.cbegin(); it != m_customTags.cend(); ++it)
-        expanded.replace(QLatin1String("${") + it.key() + QLatin1Char('}'), it.value());
     return expanded;
+}
+
+QString Installer::expandCommand(const QString &command) const
+{
+    // Word by word, as splitArguments() reads the line back; a word the
+    // configuration quoted itself is left as written.
+    static const QRegularExpression words(QStringLiteral("[^ \\t]+"));
+    QString expanded = command;
+    int shift = 0;
+    for (auto it = words.globalMatch(command); it.hasNext();) {
+        const QRegularExpressionMatch word = it.next();
+        QString value = expandPath(word.captured());
+        if (!word.captured().contains(QLatin1Char('"')) && (value.contains(QLatin1Char(' ')) || value.contains(QLatin1Char('\t'))))
+            value = QLatin1Char('"') + value + QLatin1Char('"');
+        expanded.replace(word.capturedStart() + shift, word.capturedLength(), value);
+        shift += value.size() - word.capturedLength();
+    }
+    return expanded;
+}
+
+bool Installer::hasEmptyVariable(const QString &path) const
+{
+    if (!path.contains(QLatin1String("${")))
+        return false;
+    for (const auto &variable : pathVariables()) {
+        if (variable.second.isEmpty() && path.contains(variable.first))
+            return true;
+    }
+    return false;
 }
 
 bool Installer::parseCustomTag(const QList<QVariant> &tags)

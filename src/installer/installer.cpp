@@ -137,6 +137,7 @@ void Installer::advanceProgress(double step, double ceiling)
 bool Installer::installPackage()
 {
     qCInfo(lcCorbeth) << "install packageeeeeeee";
+    recoverWhiteList();
     const int started = epoch();
     startTask([this, started] {
         if (runInstallSteps(started))
@@ -247,6 +248,7 @@ bool Installer::uninstallPackage(QString flow)
 {
     qCInfo(lcCorbeth) << "uninstall flow" << flow;
     m_uninstallInfo = orEmpty(m_uninstallInfo);
+    recoverWhiteList();
     if (flow == QLatin1String("update") && m_updateInfo) {
         // The update's white-listed files survive the uninstall that precedes it.
         m_uninstallInfo->whiteList.append(m_updateInfo->whiteList);
@@ -323,6 +325,7 @@ bool Installer::update()
     const InstallInfoPtr info = m_updateInfo;
     setInstallPath(m_installInfo ? m_installInfo->olderSoftwareInfo.olderInstallPath : QString());
     qCDebug(lcCorbeth) << "update path" << m_installPath;
+    recoverWhiteList();
     if (m_installPath.isEmpty()) {
         qCCritical(lcCorbeth) << "not install software" << m_installPath;
         emit errorOccurred(CBEnum::EC_SoftwarePathError);
@@ -333,7 +336,8 @@ bool Installer::update()
     bool result = false;
     const int started = epoch();
 
-    // Phase 1: the update's own files. A failure is reported and phase 2 runs all the same.
+    // Phase 1: the update's own files. A failure ends the update: phase 2
+    // would remove what the update copied from, the only good copy left.
     waitForTask(started, 10000, 50.0, [this, info, &result](QEventLoop *loop) {
         result = cutFiles(info->coverFiles);
         if (!result) {
@@ -342,7 +346,7 @@ bool Installer::update()
         }
         quitLater(loop);
     });
-    if (revoked(started))
+    if (revoked(started) || !result)
         return false;
     advanceProgress(50, 50);
 
@@ -392,6 +396,7 @@ bool Installer::updatePatch()
     }
 
     qCDebug(lcCorbeth) << "updatepatch path" << m_installPath;
+    recoverWhiteList();
     bool result = false;
     const int started = epoch();
     waitForTask(started, 3000, 70.0, [this, info, &result](QEventLoop *loop) {

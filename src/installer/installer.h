@@ -12,6 +12,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
+#include <QtCore/QVector>
 #include <QtCore/QWaitCondition>
 
 #include <functional>
@@ -38,6 +39,12 @@ public:
     // Replaces every "${name}" placeholder the engine knows, in a fixed order,
     // then the custom tags in name order; unknown placeholders stay.
     QString expandPath(const QString &path) const;
+    // A command line's placeholders replaced, each word that then holds a
+    // blank quoted ("${installPath}/un /S" in "My Apps" stays two arguments).
+    QString expandCommand(const QString &command) const;
+    // Whether path holds a placeholder the engine knows whose value is empty:
+    // "${desktop}/${tag}" would then name the desktop itself.
+    bool hasEmptyVariable(const QString &path) const;
 
     // The section parser and its item parsers. An item parser returns false at
     // the first bad entry; what it appended before stays.
@@ -90,6 +97,10 @@ public:
     bool removeDir(const QDir &dir);
     void filesToWhite(const QStringList &whiteList);
     void whiteToFiles(const QStringList &whiteList);
+    // Gives back their names to the white-listed files of the uninstall and
+    // update descriptions that a run killed between filesToWhite and
+    // whiteToFiles left under their marker names. Every operation starts with it.
+    void recoverWhiteList();
 
     // Shortcuts, settings and uninstall entries.
     bool links(const QList<LinkInfo> &items);
@@ -177,6 +188,8 @@ private:
     void loadDriverIdentification();
     static QString olderInstallPathFromSettings(const OlderSoftwareInfo &older);
     void initStandardLocations();
+    // Each placeholder with its value, in the order expandPath() replaces them.
+    QVector<QPair<QString, QString>> pathVariables() const;
     InstallInfoSet currentSet() const;
     void setCurrentSet(const InstallInfoSet &set);
 
@@ -212,6 +225,9 @@ private:
     QMutex m_waitMutex;
     QWaitCondition m_idle;
     QSet<QEventLoop *> m_loops;
+
+    // Set by a copy that began but could not be completed (a full disk).
+    bool m_writeFailed = false;
 
     bool m_isSuicide = false;
     QString m_suicideToolPath;

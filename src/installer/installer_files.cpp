@@ -5,10 +5,12 @@
 #include "logging_p.h"
 #include "platform/filecontent.h"
 #include "platform/protectedpath.h"
+#include "platform/treeremover.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QMetaEnum>
+#include <QtCore/QSaveFile>
 
 namespace Corbeth {
 
@@ -24,21 +26,24 @@ const char *levelName(ErrorLevel level)
     return QMetaEnum::fromType<ErrorLevel>().valueToKey(level);
 }
 
-bool copyFileContent(const QFileInfo &entry, const QString &target)
+enum class Copied { Done, NotOpened, NotWritten };
+
+// Written under a temporary name beside target and renamed over it only once
+// every byte is there: a full disk leaves the old file as it was. A link at
+// target is replaced, never written through.
+Copied copyFileContent(const QFileInfo &entry, const QString &target)
 {
+    if (QFileInfo(target).isSymLink())
+        QFile::remove(target);
     QFile in(entry.absoluteFilePath());
-    QFile out(target);
-    if (!in.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
-        || !out.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
-        qCCritical(lcCorbeth) << "open fail" << entry.absoluteFilePath() << target;
-        return false;
-    }
-    FileContent::copy(in, out, kMaxBlock);
-    out.close();
-    in.close();
-    // Installed programs must stay executable.
-    QFile::setPermissions(target, entry.permissions());
-    return true;
+    QSaveFile out(target);
+    if (!in.open(QIODevice::ReadOnly | QIODevice::Unbuffered) || !out.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+        return Copied::NotOpened;
+    // Installed programs stay executable; nobody but the owner may change them.
+    const QFileDevice::Permissions permissions = entry.permissions() & ~(QFile::WriteGroup | QFile::WriteOther);
+    if (!FileContent::copy(in, out, kMaxBlock) || !out.setPermissions(permissions) || !out.commit())
+        return Copied::NotWritten;
+    return Copied::Done;
 }
 
 // Moves each white-listed path aside under its marker name (hide) or gives it
@@ -75,7 +80,14 @@ bool Installer::cutFiles(const QList<CoverFileInfo> &items)
         }
         if (!checkPathExist(item.level, {{QStringLiteral("path"), src}}, QStringLiteral("cutFiles")))
             return false;
-        coverFile(src, dest); // a failed copy is only logged
+        // A copy that could not start is only logged; one that could not be
+        // completed (a full disk) fails the step, so nothing relies on it.
+        m_writeFailed = false;
+        coverFile(src, dest);
+        if (m_writeFailed) {
+            qCCritical(lcCorbeth) << "cover files incomplete" << src << dest;
+            return false;
+        }
     }
     return true;
 }
@@ -100,10 +112,10 @@ bool Installer::coverFile(const QString &src, const QString &dest)
 {
     const QFileInfo info(src);
     if (info.isFile()) {
-        if (QFile::exists(dest) && !QFile::remove(dest))
-            qCCritical(lcCorbeth) << "remove fail" << dest;
-        if (QFile::copy(src, dest))
+        const Copied copied = copyFileContent(info, dest);
+        if (copied == Copied::Done)
             return true;
+        m_writeFailed = copied == Copied::NotWritten;
         qCCritical(lcCorbeth) << "file copy fail " << src << dest;
         return false;
     }
@@ -155,10 +167,16 @@ bool Installer::copyTree(const QString &srcDir, const QString &destDir, QDir::Fi
         } else if (entry.isDir()) {
             makeDir(target);
             copyTree(entry.absoluteFilePath(), target, filters, suffix, root);
+            if (m_writeFailed)
+                return false;
         } else if (entry.isFile()) {
-            if (QFile::exists(target))
-                QFile::remove(target);
-            if (!copyFileContent(entry, target))
+            const Copied copied = copyFileContent(entry, target);
+            if (copied == Copied::NotOpened)
+                qCCritical(lcCorbeth) << "open fail" << entry.absoluteFilePath() << target;
+            else if (copied == Copied::NotWritten)
+                qCCritical(lcCorbeth) << "file write fail" << entry.absoluteFilePath() << target;
+            m_writeFailed = copied == Copied::NotWritten;
+            if (copied != Copied::Done)
                 return false;
         }
     }
@@ -194,10 +212,13 @@ bool Installer::removeFiles(const QStringList &files, const QStringList &whiteLi
 {
     filesToWhite(whiteList);
     for (const QString &file : files) {
-        const QString path = expandPath(file);
-        // An unset variable can leave "" (the working folder) or "/bin": such
-        // paths are never removed.
-        const bool isProtected = ProtectedPath::isProtected(std::filesystem::u8path(path.toStdString()));
+        const QString expanded = expandPath(file);
+        // An unset variable can leave "" (the working folder), "/bin" or a
+        // shared folder in place of a file in it ("${desktop}/${tag}"); ".."
+        // is resolved before the check, and the path checked is the path removed.
+        const std::filesystem::path named = std::filesystem::u8path(expanded.toStdString());
+        const bool isProtected = expanded.isEmpty() || hasEmptyVariable(file) || ProtectedPath::isProtected(named);
+        const QString path = isProtected ? expanded : QString::fromStdString(ProtectedPath::located(named).u8string());
         if (!isProtected && QFile::remove(path))
             qCDebug(lcCorbeth) << "remove file sccuess" << path;
         else if (!isProtected && removeDir(QDir(path)))
@@ -211,33 +232,54 @@ bool Installer::removeFiles(const QStringList &files, const QStringList &whiteLi
 
 bool Installer::removeDir(const QDir &dir)
 {
-    if (!dir.exists()) {
+    // Hidden entries are not the removal's (the folder listings of the
+    // contract leave them out), nor are white-listed ones; dangling links,
+    // FIFOs and sockets are, so they do not keep the folder. Links are removed
+    // as links, never followed.
+    const QString path = dir.absolutePath();
+    const std::filesystem::path top = std::filesystem::u8path(path.toStdString());
+    const auto rule = [&top](const std::filesystem::path &entry) {
+        const std::string name = entry.filename().u8string();
+        const bool kept = name.rfind('.', 0) == 0 || entry.u8string().find(kWhiteMarker.data()) != std::string::npos;
+        return kept && entry != top ? TreeRemover::Entry::Keep : TreeRemover::Entry::Remove;
+    };
+    switch (TreeRemover::remove(top, rule)) {
+    case TreeRemover::Status::Missing:
         qCCritical(lcCorbeth) << "removeDir" << "not exist" << dir.path();
         return false;
-    }
-    // System: dangling links, FIFOs and sockets, which would otherwise be left
-    // behind and keep the folder.
-    const QDir::Filters filters = QDir::Filters(0x6007) | QDir::System;
-    const QFileInfoList entries = dir.entryInfoList(filters, QDir::NoSort);
-    for (const QFileInfo &entry : entries) {
-        const QString path = entry.filePath();
-        if (path.contains(kWhiteMarker))
-            continue;
-        // A link is removed as a link: following it would reach files outside
-        // the folder being removed.
-        if ((!entry.isDir() || entry.isSymLink()) && QFile::remove(path))
-            continue;
-        if (!entry.isSymLink())
-            removeDir(QDir(path));
-    }
-    // A fresh listing, counting "." and "..": the one above is out of date.
-    QDir current(dir.absolutePath());
-    current.setFilter(QDir::AllEntries | QDir::System);
-    if (current.count() > 2)
+    case TreeRemover::Status::Refused:
+        qCCritical(lcCorbeth) << "removeDir" << "refused" << path;
+        return false;
+    case TreeRemover::Status::Incomplete:
+        qCWarning(lcCorbeth) << "path exist file" << path;
         return true;
-    if (!QDir().rmdir(current.absolutePath()))
-        qCWarning(lcCorbeth) << "path exist file" << current.absolutePath();
+    case TreeRemover::Status::Done:
+        break;
+    }
     return true;
+}
+
+void Installer::recoverWhiteList()
+{
+    QStringList whiteList;
+    for (const InstallInfoPtr &info : {m_uninstallInfo, m_updateInfo}) {
+        if (info)
+            whiteList += info->whiteList;
+    }
+    for (const QString &file : qAsConst(whiteList)) {
+        const QString path = expandPath(file);
+        const QFileInfo marked(path + kWhiteMarker);
+        if (path.isEmpty() || (!marked.exists() && !marked.isSymLink()))
+            continue;
+        // The marked file is the user's; a default made since gives way to it.
+        std::error_code error;
+        std::filesystem::rename(std::filesystem::u8path(marked.filePath().toStdString()),
+                                std::filesystem::u8path(path.toStdString()), error);
+        if (error)
+            qCWarning(lcCorbeth) << "white file not recovered" << marked.filePath() << error.message().c_str();
+        else
+            qCInfo(lcCorbeth) << "white file recovered" << path;
+    }
 }
 
 void Installer::filesToWhite(const QStringList &whiteList)

@@ -44,9 +44,12 @@ void Installer::settings(const QList<SettingInfo> &items)
     SKGlobal *global = SKGlobal::instance();
     for (const SettingInfo &item : items) {
         for (auto it = item.key.cbegin(); it != item.key.cend(); ++it) {
+            const bool isCommand = it.key() == QLatin1String("UninstallString")
+                || it.key() == QLatin1String("QuietUninstallString");
             if (item.path.contains(kUninstallRoot) && it.key() == QLatin1String("UninstallString"))
                 addUninstallObj(item.path, it.value().toString());
-            const QString value = QDir::toNativeSeparators(expandPath(it.value().toString()));
+            const QString text = it.value().toString();
+            const QString value = QDir::toNativeSeparators(isCommand ? expandCommand(text) : expandPath(text));
             global->setSettingValue(item.path, it.key(), value);
         }
     }
@@ -58,7 +61,7 @@ void Installer::addUninstallObj(const QString &settingPath, const QString &unins
     QVariantMap record = global->settingValue(kEngineKey, QStringLiteral("UninstallObj")).toMap();
     const QVariantMap entry{
         {QStringLiteral("installPath"), m_installPath},
-        {QStringLiteral("tolmInstallPath"), QDir::fromNativeSeparators(expandPath(uninstallCommand))},
+        {QStringLiteral("tolmInstallPath"), QDir::fromNativeSeparators(expandCommand(uninstallCommand))},
     };
     // Keys written by earlier versions were computed this way; changing it would
     // orphan their entries.

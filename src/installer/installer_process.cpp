@@ -66,7 +66,7 @@ CBEnum::ErrorCode Installer::processExe(const QList<ProcessHelper> &list)
         QStringList args;
         if (item.extraProcess.contains(EP_WaitExecOlderUninstall) && !item.args.isEmpty()) {
             // A whole command line as the older version wrote it to the settings store.
-            args = splitArguments(QDir::toNativeSeparators(expandPath(item.args.first())));
+            args = splitArguments(QDir::toNativeSeparators(expandCommand(item.args.first())));
         } else {
             for (const QString &arg : item.args)
                 args << expandPath(arg);

@@ -2,6 +2,7 @@
 // tool, the offline package next to the program and the download cache.
 #include "installer/installer.h"
 
+#include "installer/downloadcache.h"
 #include "logging_p.h"
 #include "platform/skglobal.h"
 
@@ -72,10 +73,9 @@ void Installer::removeUpdateDir()
         qCWarning(lcCorbeth) << "remove update dir" << "install path is empty";
         return;
     }
-    QDir cache(m_installPath + QLatin1String("/arvenorDownloadCache"));
-    qCDebug(lcCorbeth) << "remove update dir" << cache.path();
-    if (cache.exists() && !cache.removeRecursively())
-        qCWarning(lcCorbeth) << "remove update dir fail" << cache.path();
+    qCDebug(lcCorbeth) << "remove update dir" << DownloadCache::folderOf(m_installPath);
+    if (!DownloadCache::remove(m_installPath))
+        qCWarning(lcCorbeth) << "remove update dir fail" << DownloadCache::folderOf(m_installPath);
 }
 
 QString Installer::olderInstallPathFromSettings(const OlderSoftwareInfo &older)

@@ -167,7 +167,6 @@ private:
     // Runs call, which waits in a nested loop, counted in m_nestedWaits.
     template<typename Call>
     auto waitingIn(Call call);
-    void cleanCache(const QString &cache);
 
     int m_retryCount = 0;
     uint m_taskStatus = CBEnum::TS_Freeing;

@@ -4,6 +4,7 @@
 #include "manager/managerprivate.h"
 
 #include "config/configer.h"
+#include "installer/downloadcache.h"
 #include "installer/installer.h"
 #include "logging_p.h"
 #include "modules/vindaler.h"
@@ -28,16 +29,9 @@ namespace Corbeth {
 
 namespace {
 
-const QString kCacheFolder = QStringLiteral("arvenorDownloadCache");
-
 const char *codeName(int code)
 {
     return QMetaEnum::fromType<CBEnum::ErrorCode>().valueToKey(code);
-}
-
-QString cacheFolderOf(const QString &installPath)
-{
-    return installPath + QLatin1Char('/') + kCacheFolder;
 }
 
 bool machineIsOnline()
@@ -230,26 +224,6 @@ bool ManagerPrivate::reqDownloadPackage()
     return true;
 }
 
-void ManagerPrivate::cleanCache(const QString &cache)
-{
-    // Only the announced package and its companions stay: a package of an
-    // earlier version would otherwise lie there for ever.
-    const QString current = m_vindaler->packageInfo()
-                                .value(QStringLiteral("file"))
-                                .toMap()
-                                .value(QStringLiteral("name"))
-                                .toString();
-    if (current.isEmpty())
-        return;
-    const QFileInfoList files = QDir(cache).entryInfoList(QDir::Files | QDir::Hidden);
-    for (const QFileInfo &file : files) {
-        if (file.fileName().startsWith(current))
-            continue;
-        qCDebug(lcCorbeth) << "remove file" << file.absoluteFilePath();
-        QFile::remove(file.absoluteFilePath());
-    }
-}
-
 CBEnum::ErrorCode ManagerPrivate::reqDownloadOfflineModule(const QString &path, Vindal::Reply *&reply)
 {
     qCDebug(lcCorbeth) << "package ifnO" << m_vindaler->packageInfo();
@@ -257,14 +231,20 @@ CBEnum::ErrorCode ManagerPrivate::reqDownloadOfflineModule(const QString &path, 
     // downloads into the cache folder under its install path, which it owns.
     QString folder = path;
     if (m_operation != O_OfflineDownload) {
-        folder = cacheFolderOf(path);
-        cleanCache(folder);
+        if (!DownloadCache::prepare(path))
+            return CBEnum::EC_SoftwarePathError;
+        folder = DownloadCache::folderOf(path);
+        // Only the announced package and its companions stay: a package of
+        // an earlier version would otherwise lie there for ever.
+        const QString current = m_vindaler->packageInfo().value(QStringLiteral("file")).toMap().value(QStringLiteral("name")).toString();
+        if (!current.isEmpty())
+            DownloadCache::clean(path, current);
         if (path == m_cachePath) {
             qCDebug(lcCorbeth) << "path is same" << path;
         } else {
-            if (!m_cachePath.isEmpty() && QDir(cacheFolderOf(m_cachePath)).exists()) {
-                qCDebug(lcCorbeth) << "remove olderCache" << cacheFolderOf(m_cachePath);
-                QDir(cacheFolderOf(m_cachePath)).removeRecursively();
+            if (!m_cachePath.isEmpty()) {
+                qCDebug(lcCorbeth) << "remove olderCache" << DownloadCache::folderOf(m_cachePath);
+                DownloadCache::remove(m_cachePath);
             }
             m_cachePath = path;
         }
@@ -333,7 +313,7 @@ bool ManagerPrivate::handleDownloadOfflineModule(const QVariantMap &params)
     m_retryCount = 0;
     m_retryRounds = 0;
     m_retryTimer.stop();
-    qCDebug(lcCorbeth) << "cache  path" << cacheFolderOf(m_installer->installPath());
+    qCDebug(lcCorbeth) << "cache  path" << DownloadCache::folderOf(m_installer->installPath());
     return true;
 }
 

@@ -4,7 +4,7 @@
 
 namespace Corbeth {
 
-bool FileContent::copyBlocks(QFile &in, QFile &out, qint64 blockSize)
+bool FileContent::copyBlocks(QFile &in, QFileDevice &out, qint64 blockSize)
 {
     const std::unique_ptr<char[]> block(new char[blockSize]);
     qint64 length;

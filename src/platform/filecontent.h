@@ -12,10 +12,10 @@ namespace Corbeth {
 class FileContent
 {
 public:
-    static bool copy(QFile &in, QFile &out, qint64 blockSize);
+    static bool copy(QFile &in, QFileDevice &out, qint64 blockSize);
 
 private:
-    static bool copyBlocks(QFile &in, QFile &out, qint64 blockSize);
+    static bool copyBlocks(QFile &in, QFileDevice &out, qint64 blockSize);
 };
 
 } // namespace Corbeth

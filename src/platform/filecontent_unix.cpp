@@ -6,7 +6,7 @@
 
 namespace Corbeth {
 
-bool FileContent::copy(QFile &in, QFile &out, qint64 blockSize)
+bool FileContent::copy(QFile &in, QFileDevice &out, qint64 blockSize)
 {
     const int from = in.handle();
     const int to = out.handle();

@@ -2,7 +2,7 @@
 
 namespace Corbeth {
 
-bool FileContent::copy(QFile &in, QFile &out, qint64 blockSize)
+bool FileContent::copy(QFile &in, QFileDevice &out, qint64 blockSize)
 {
     return copyBlocks(in, out, blockSize);
 }

@@ -30,6 +30,17 @@ fs::path ProtectedPath::normalised(const fs::path &path)
     return result;
 }
 
+fs::path ProtectedPath::located(const fs::path &path)
+{
+    fs::path p = path;
+    while (p.has_relative_path() && !p.has_filename())
+        p = p.parent_path();
+    const fs::path name = p.filename();
+    if (name.empty() || name == "." || name == ".." || !p.has_relative_path() || !p.has_parent_path())
+        return normalised(p);
+    return normalised(p.parent_path()) / name;
+}
+
 bool ProtectedPath::isProtected(const fs::path &path)
 {
     if (path.empty())

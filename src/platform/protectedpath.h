@@ -18,6 +18,10 @@ public:
     // Absolute, with "." and ".." resolved and no trailing separator; links are
     // resolved where the path exists.
     static std::filesystem::path normalised(const std::filesystem::path &path);
+    // Absolute, with ".", ".." and links resolved in the folders that lead to
+    // it, as the system resolves them; its last name is kept, so a link stays
+    // the link. The path a removal checks and then acts on.
+    static std::filesystem::path located(const std::filesystem::path &path);
 
 private:
     // Folders refused as such; what they hold is not protected by this list.

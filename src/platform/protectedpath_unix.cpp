@@ -1,5 +1,6 @@
 #include "platform/protectedpath.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -8,6 +9,42 @@ namespace fs = std::filesystem;
 
 namespace Corbeth {
 
+namespace {
+
+// The folders a desktop and its applications share in each home. Removing one
+// would empty the desktop, every application's settings or the menu.
+const char *const kUserFolders[] = {
+    "Desktop", "Documents", "Downloads", "Music", "Pictures", "Public", "Templates", "Videos", ".local", ".local/bin",
+    ".local/lib", ".local/share", ".local/share/applications", ".local/share/icons", ".local/state", ".config",
+    ".config/autostart", ".cache",
+};
+
+// The folders a home's user-dirs.dirs names (translated or moved ones):
+// lines such as XDG_DESKTOP_DIR="$HOME/Schreibtisch".
+void addUserDirs(const fs::path &home, const fs::path &configHome, std::vector<fs::path> &folders)
+{
+    std::ifstream dirs(configHome / "user-dirs.dirs");
+    std::string line;
+    while (std::getline(dirs, line)) {
+        const std::size_t open = line.find("=\"");
+        if (line.rfind("XDG_", 0) != 0 || open == std::string::npos || line.size() < open + 3 || line.back() != '"')
+            continue;
+        std::string value = line.substr(open + 2, line.size() - open - 3);
+        if (value.rfind("$HOME", 0) == 0)
+            folders.push_back(home / fs::u8path(value.substr(std::min<std::size_t>(value.size(), 6))));
+        else if (!value.empty() && value.front() == '/')
+            folders.emplace_back(fs::u8path(value));
+    }
+}
+
+fs::path environmentPath(const char *name)
+{
+    const char *value = std::getenv(name);
+    return value && *value ? fs::u8path(value) : fs::path();
+}
+
+} // namespace
+
 std::vector<fs::path> ProtectedPath::systemFolders()
 {
     std::vector<fs::path> folders = {
@@ -15,8 +52,22 @@ std::vector<fs::path> ProtectedPath::systemFolders()
         "/usr/local/include", "/usr/local/lib", "/usr/local/libexec", "/usr/local/man", "/usr/local/sbin",
         "/usr/local/share", "/usr/local/src",
     };
-    if (const char *tmp = std::getenv("TMPDIR"); tmp && *tmp)
-        folders.emplace_back(tmp);
+    if (const fs::path tmp = environmentPath("TMPDIR"); !tmp.empty())
+        folders.push_back(tmp);
+    for (const fs::path &home : homeFolders()) {
+        for (const char *folder : kUserFolders)
+            folders.push_back(home / folder);
+        addUserDirs(home, home / ".config", folders);
+    }
+    // The running user's, where the environment moves them.
+    for (const char *name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME"}) {
+        if (const fs::path folder = environmentPath(name); !folder.empty())
+            folders.push_back(folder);
+    }
+    if (const fs::path data = environmentPath("XDG_DATA_HOME"); !data.empty())
+        folders.push_back(data / "applications");
+    if (const fs::path config = environmentPath("XDG_CONFIG_HOME"); !config.empty())
+        addUserDirs(environmentPath("HOME"), config, folders);
     return folders;
 }
 

@@ -42,6 +42,23 @@ std::vector<fs::path> ProtectedPath::systemFolders()
         if (!p.empty())
             folders.push_back(p);
     }
+    // The shared per-user folders: the desktop, the documents and the start
+    // menus, the user's and everyone's.
+    for (const wchar_t *name : {L"USERPROFILE", L"PUBLIC"}) {
+        const fs::path profile = environmentPath(name);
+        for (const wchar_t *folder : {L"Desktop", L"Documents", L"Downloads", L"Music", L"Pictures", L"Videos"}) {
+            if (!profile.empty())
+                folders.push_back(profile / folder);
+        }
+    }
+    for (const wchar_t *name : {L"APPDATA", L"ProgramData"}) {
+        const fs::path startMenu = environmentPath(name) / L"Microsoft\\Windows\\Start Menu";
+        if (startMenu.has_root_path()) {
+            folders.push_back(startMenu);
+            folders.push_back(startMenu / L"Programs");
+            folders.push_back(startMenu / L"Programs\\Startup");
+        }
+    }
     // The defaults, for a process started with an empty environment.
     folders.push_back(systemDrive() / L"Program Files");
     folders.push_back(systemDrive() / L"Program Files (x86)");

@@ -1,6 +1,7 @@
 #include "plugins/pluginhelper.h"
 
 #include "logging_p.h"
+#include "platform/filetrust.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
@@ -43,10 +44,20 @@ CBEnum::ErrorCode PluginHelper::initPluginLoader(const QString &folder)
         qCWarning(lcCorbeth) << "plugin dir not exist" << folder;
         return CBEnum::EC_FileNotOpen;
     }
+    // A library others can change or replace would run their code with the
+    // engine's rights.
+    if (const QString why = FileTrust::whyUntrusted(folder); !why.isEmpty()) {
+        qCCritical(lcCorbeth).noquote() << "plugin dir refused:" << why;
+        return CBEnum::EC_FileNotOpen;
+    }
 
     const QFileInfoList entries =
         dir.entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot, QDir::Unsorted);
     for (const QFileInfo &entry : entries) {
+        if (const QString why = FileTrust::whyUntrusted(entry.absoluteFilePath()); !why.isEmpty()) {
+            qCCritical(lcCorbeth).noquote() << "plugin refused:" << why;
+            continue;
+        }
         QPluginLoader loader(entry.absoluteFilePath());
         qCDebug(lcCorbeth) << "vl dll" << entry.absoluteFilePath();
         const QJsonObject metaData = loader.metaData().value(QStringLiteral("MetaData")).toObject();

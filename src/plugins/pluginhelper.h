@@ -26,7 +26,9 @@ public:
     ~PluginHelper() override;
 
     // Loads once: after a pass that registered a plug-in, later calls do
-    // nothing. Returns EC_FileNotOpen when the folder does not exist.
+    // nothing. Returns EC_FileNotOpen when the folder does not exist or
+    // others could change it (see FileTrust); a library others could change
+    // is skipped.
     CBEnum::ErrorCode initPluginLoader(const QString &folder);
     CBEnum::ErrorCode requestPlugin(const QString &name, const QVariantMap &params, QString &ID);
 

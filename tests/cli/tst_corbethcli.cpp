@@ -273,11 +273,11 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] {
             out += process.readAllStandardOutput();
             return out.contains("TS_Downloading");
-        }, 20000));
+        }, 60000));
         const qint64 pid = process.processId();
         for (int i = 0; i < interrupts; ++i)
             ::kill(pid_t(pid), SIGINT);
-        QVERIFY(process.waitForFinished(20000));
+        QVERIFY(process.waitForFinished(60000));
         QCOMPARE(process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(process.exitCode(), 130);
         QCOMPARE(::kill(pid_t(pid), 0), -1);

@@ -39,50 +39,27 @@ private slots:
     }
     void cleanupTestCase() { PtrManager::destroyInstance(); }
 
+    // What the example shows is read as shown: the older version's folder as
+    // the install path, a custom tag, a driver setup checked, the uninstall
+    // command, and both additions merged over the base description.
     void installDescription()
     {
         Installer *installer = PtrManager::instance()->installer().data();
-        const QString product = m_dir.filePath(QStringLiteral("ScanStudio"));
-        QCOMPARE(installer->installPath(), product);
-        QCOMPARE(installer->clearProcessList().size(), 2);
+        QCOMPARE(installer->installPath(), m_dir.filePath(QStringLiteral("ScanStudio")));
         QCOMPARE(installer->expandPath(QStringLiteral("${sharedDataPath}")), m_dir.filePath(QStringLiteral("Shared")));
         QVERIFY(!PtrManager::instance()->configer()->moduleServiceConfig().value(QStringLiteral("moduleInfo")).toMap().isEmpty());
-
-        const InstallInfoPtr install = installer->installInfo();
-        QCOMPARE(install->checkDrivers, (QList<CBEnum::DriverType>{CBEnum::DT_3W, CBEnum::DT_Turntable}));
-        QCOMPARE(install->process.size(), 2);
+        InstallInfoPtr install = installer->installInfo();
         QCOMPARE(install->process.first().extraProcess, QList<ExtraProcess>{EP_CheckDriver});
-        QCOMPARE(install->process.first().runingTimeout, 300);
-        QCOMPARE(install->process.at(1).level, EL_Warn);
-        QCOMPARE(install->coverFiles.size(), 2);
-        QCOMPARE(install->coverFiles.first().level, EL_Warn);
-        QCOMPARE(install->links.size(), 2);
-        QCOMPARE(install->settings.size(), 2);
         QCOMPARE(install->settings.at(1).key.value(QStringLiteral("UninstallString")).toString(),
                  QStringLiteral("${installPath}/uninstall/Uninstall.exe"));
         QCOMPARE(install->olderSoftwareInfo.process.first().extraProcess, QList<ExtraProcess>{EP_WaitExecOlderUninstall});
 
-        QCOMPARE(installer->uninstallInfo()->whiteList.size(), 2);
-        QCOMPARE(installer->uninstallInfo()->removeSettings.size(), 2);
-        QCOMPARE(installer->updateInfo()->whiteList.size(), 1);
-        QCOMPARE(installer->updatePatchInfo()->process.size(), 1);
-    }
-
-    void bothAdditions()
-    {
-        Installer *installer = PtrManager::instance()->installer().data();
         QVERIFY(installer->setCurrentAddtions({QStringLiteral("colorCamera"), QStringLiteral("samples")}));
-        const InstallInfoPtr install = installer->installInfo();
+        install = installer->installInfo();
         QCOMPARE(install->checkDrivers,
                  (QList<CBEnum::DriverType>{CBEnum::DT_Vimba, CBEnum::DT_3W, CBEnum::DT_Turntable}));
-        QCOMPARE(install->process.size(), 3);
-        QCOMPARE(install->coverFiles.size(), 3);
-        QCOMPARE(install->links.size(), 3);
-        const QVariantMap productKey = install->settings.first().key;
-        QCOMPARE(productKey.value(QStringLiteral("colorCamera")).toString(), QStringLiteral("enabled"));
-        QCOMPARE(productKey.value(QStringLiteral("version")).toString(), QStringLiteral("4.2.0"));
+        QCOMPARE(install->settings.first().key.value(QStringLiteral("colorCamera")).toString(), QStringLiteral("enabled"));
         QCOMPARE(installer->uninstallInfo()->whiteList.size(), 3);
-        QCOMPARE(install->olderSoftwareInfo.olderInstallPath, m_dir.filePath(QStringLiteral("ScanStudio")));
     }
 };
 

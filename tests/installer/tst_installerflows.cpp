@@ -161,6 +161,21 @@ private slots:
         QCOMPARE(readFile(m_dir.filePath("neighbour/keep.txt"_s)), QByteArray("neighbour"));
     }
 
+    // A run killed between hiding the white-listed files and showing them
+    // again leaves them under their marker names: the next run gives them
+    // back before it starts, over a default the program made meanwhile.
+    void killedUninstallIsRecovered()
+    {
+        SettingsSandbox store;
+        configureProduct();
+        writeFile(inst("data/user.cfg.WHITEFILE"), "mine");
+        writeFile(inst("data/user.cfg"), "default");
+        QVERIFY(installer()->installPackage());
+        QTRY_VERIFY_WITH_TIMEOUT(m_events.contains("installPackageFinished"_s), 30000);
+        QCOMPARE(readFile(inst("data/user.cfg")), QByteArray("mine"));
+        QVERIFY(!QFile::exists(inst("data/user.cfg.WHITEFILE")));
+    }
+
     // Failures that end the operation at once. An operation returns true only
     // when it goes on (the install reports from its pool thread).
     void failures_data()
@@ -194,8 +209,9 @@ private slots:
                                                << "error 511f"_s << 0;
         QTest::newRow("patch: not installed") << "patch"_s << none << 0 << false << "not install software"_s
                                               << "error 511f"_s << 0;
-        QTest::newRow("update goes on after failed files") << "update"_s << missingFiles("update") << 0 << true
-                                                           << "cut file error"_s << "error 5120"_s << 1;
+        // Phase 2 would remove what the update copies from.
+        QTest::newRow("update stops after failed files") << "update"_s << missingFiles("update") << 0 << true
+                                                         << "cut file error"_s << "error 5120"_s << 0;
     }
 
     void failures()
@@ -221,7 +237,7 @@ private slots:
             QTRY_VERIFY_WITH_TIMEOUT(logs.contains("install fail"_s, QtCriticalMsg), 30000);
         QVERIFY2(logs.contains(log, QtCriticalMsg), qPrintable(logs.dump()));
         // The signal crosses from the pool thread, so it may arrive after the log line.
-        QTRY_COMPARE(m_events.filter("error"_s).join(QLatin1Char(',')), errors);
+        QTRY_COMPARE_WITH_TIMEOUT(m_events.filter("error"_s).join(QLatin1Char(',')), errors, 30000);
         QCOMPARE(m_events.count("installPackageFinished"_s) + m_events.count("uninstallPackageFinished"_s), finished);
         QVERIFY(QFile::exists(inst("package/bin/demo"))); // nothing removed
     }

@@ -1,6 +1,7 @@
 // The installer's steps one by one: files, white list, settings, the process
 // step, the progress rule, closing programs, drivers, older software, the
 // cleanup tool and the offline package.
+#include "installer/downloadcache.h"
 #include "platform/processcloser.h"
 #include "platform/protectedpath.h"
 #include "platform/skglobal.h"
@@ -12,6 +13,17 @@
 #include <QtCore/QDirIterator>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <thread>
+
+#include <fcntl.h>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 using namespace Corbeth;
 using namespace TestProduct;
@@ -36,6 +48,24 @@ ProcessHelper helperItem(ErrorLevel level, const QStringList &args, int timeout 
 {
     return {level, testHelperPath(), args, extra, 0, timeout};
 }
+
+// While it lives, writing a file beyond bytes fails as on a full disk (EFBIG)
+// instead of ending the process with SIGXFSZ.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        const rlimit limit{bytes, m_old.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &m_old); }
+
+private:
+    rlimit m_old{};
+};
 
 } // namespace
 
@@ -64,20 +94,26 @@ private slots:
         QTest::addColumn<bool>("result");
         QTest::addColumn<QStringList>("copied");
         QTest::addColumn<QString>("log");
+        QTest::addColumn<int>("sizeLimit"); // a disk that fills after so many bytes, 0: none
         const int crit = EL_Critical;
-        QTest::newRow("file") << "src/a.txt"_s << "out/x.txt"_s << crit << true << QStringList{"x.txt"_s} << ""_s;
+        QTest::newRow("file") << "src/a.txt"_s << "out/x.txt"_s << crit << true << QStringList{"x.txt"_s} << ""_s << 0;
         QTest::newRow("folder tree") << "src"_s << "out"_s << crit << true
-                                     << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s, "sub/d.txt"_s} << ""_s;
+                                     << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s, "sub/d.txt"_s} << ""_s << 0;
         QTest::newRow("star star: files only") << "src/*.*"_s << "out"_s << crit << true
-                                               << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s} << ""_s;
+                                               << QStringList{"a.txt"_s, "b.tar.txt"_s, "c.bin"_s} << ""_s << 0;
         QTest::newRow("star suffix: complete suffix") << "src/*.txt"_s << "out"_s << crit << true
-                                                      << QStringList{"a.txt"_s} << ""_s;
-        QTest::newRow("pattern without matches") << "src/*.xyz"_s << "out"_s << crit << true << QStringList() << ""_s;
-        QTest::newRow("missing critical") << "nowhere"_s << "out"_s << crit << false << QStringList() << "dir not exist"_s;
-        QTest::newRow("missing warn") << "nowhere"_s << "out"_s << int(EL_Warn) << true << QStringList() << "not exist"_s;
-        QTest::newRow("src == dest") << "nowhere"_s << "nowhere"_s << crit << true << QStringList() << "src == dest"_s;
+                                                      << QStringList{"a.txt"_s} << ""_s << 0;
+        QTest::newRow("pattern without matches") << "src/*.xyz"_s << "out"_s << crit << true << QStringList() << ""_s << 0;
+        QTest::newRow("missing critical") << "nowhere"_s << "out"_s << crit << false << QStringList() << "dir not exist"_s << 0;
+        QTest::newRow("missing warn") << "nowhere"_s << "out"_s << int(EL_Warn) << true << QStringList() << "not exist"_s << 0;
+        QTest::newRow("src == dest") << "nowhere"_s << "nowhere"_s << crit << true << QStringList() << "src == dest"_s << 0;
         QTest::newRow("file into missing folder") << "src/a.txt"_s << "out/deep/x.txt"_s << crit << true
-                                                  << QStringList() << "file copy fail "_s;
+                                                  << QStringList() << "file copy fail "_s << 0;
+        // The step fails, the old file stays whole and no part of the new one is left.
+        QTest::newRow("file, disk full") << "src/a.txt"_s << "out/old.txt"_s << int(EL_Warn) << false
+                                         << QStringList{"old.txt"_s} << "cover files incomplete"_s << 3;
+        QTest::newRow("folder, disk full") << "src/sub"_s << "out"_s << crit << false << QStringList{"old.txt"_s}
+                                           << "file write fail"_s << 3;
     }
 
     void cutFiles()
@@ -89,10 +125,20 @@ private slots:
         CoverFileInfo item;
         item.pair = {"${installPath}/"_s + src, "${installPath}/"_s + dest};
         item.level = static_cast<ErrorLevel>(level);
+        QFETCH(int, sizeLimit);
         QDir().mkpath(path("out"_s));
+        if (sizeLimit)
+            writeFile(path("out/old.txt"_s), "old");
         LogCapture logs;
-        QTEST(m_installer.cutFiles({item}), "result");
+        {
+            std::optional<FileSizeLimit> disk;
+            if (sizeLimit)
+                disk.emplace(sizeLimit);
+            QTEST(m_installer.cutFiles({item}), "result");
+        }
         QTEST(filesBelow(path("out"_s)), "copied");
+        if (sizeLimit)
+            QCOMPARE(readFile(path("out/old.txt"_s)), QByteArray("old"));
         QVERIFY2(logs.contains(log), qPrintable(logs.dump()));
     }
 
@@ -182,10 +228,15 @@ private slots:
         for (const QString &p : {"/"_s, "/usr"_s, "/usr/lib/x86_64-linux-gnu"_s, "/usr/share/doc"_s, "/var/lib/dpkg"_s,
                                  "/run/user"_s, "/etc/ssl/"_s, "/home"_s, "/home/alice"_s, "/home/alice/"_s,
                                  "/opt"_s, "/usr/local"_s, "/usr/local/bin"_s, "/tmp"_s, "/proc/1"_s, ""_s,
-                                 QDir::homePath(), QDir::homePath() + "/.."_s})
+                                 QDir::homePath(), QDir::homePath() + "/.."_s, "/root/Desktop"_s})
             row(p, true);
+        // Shared per-user folders, also reached by climbing.
+        for (const char *p : {"/Desktop", "/Documents", "/.local/share", "/.config", "/.cache",
+                              "/.local/share/applications", "/.local/share/applications/..", "/.local/share/x/../.."})
+            row(QDir::homePath() + QLatin1String(p), true);
         for (const QString &p : {"/opt/product"_s, "/usr/local/product"_s, "/home/alice/product"_s,
-                                 "/tmp/product"_s, QDir::homePath() + "/product"_s})
+                                 "/tmp/product"_s, QDir::homePath() + "/product"_s,
+                                 QDir::homePath() + "/.local/share/product"_s, QDir::homePath() + "/Desktop/Demo.lnk"_s})
             row(p, false);
     }
     void protectedFolders()
@@ -198,11 +249,81 @@ private slots:
     void removeFilesNeverTakesProtectedFolders()
     {
         Installer installer; // its install path is empty
+        QVERIFY(installer.parseCustomTag({QVariantMap{{"name"_s, "tag"_s}}})); // a tag whose value is empty
         writeFile(QDir::homePath() + "/marker"_s, "home");
+        writeFile(path("keep/marker"_s), "folder of an empty element");
         LogCapture logs;
-        QVERIFY(installer.removeFiles({"${installPath}"_s, QDir::homePath()}, {}));
-        QVERIFY(logs.contains("remove file erorr"_s));
+        QVERIFY(installer.removeFiles({"${installPath}"_s, QDir::homePath(), path("keep/${tag}"_s)}, {}));
+        QCOMPARE(logs.count("remove file erorr"_s), 3);
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
+        QVERIFY(QFile::exists(path("keep/marker"_s)));
+    }
+
+    // A folder exchanged with a link to a neighbour while the removal walks
+    // is never followed: a thread keeps exchanging them, for a bounded number of tries.
+    void removalNeverFollowsASwappedLink_data()
+    {
+        QTest::addColumn<bool>("tool");
+        QTest::addColumn<int>("tries");
+        QTest::newRow("engine") << false << 400;
+        QTest::newRow("cleanup tool") << true << 40;
+    }
+
+    void removalNeverFollowsASwappedLink()
+    {
+        QFETCH(bool, tool);
+        QFETCH(int, tries);
+        const QString product = path("product"_s);
+        const QString precious = path("victim/precious"_s);
+        writeFile(precious, "mine");
+        const QByteArray folder = QFile::encodeName(product + "/sub"_s);
+        const QByteArray link = QFile::encodeName(product + "/sub-link"_s);
+        for (int i = 0; i < tries && QFile::exists(precious); ++i) {
+            for (const char *name : {"a", "b", "c", "sub/d", "sub/e", "sub/f"})
+                writeFile(product + QLatin1Char('/') + QLatin1String(name), "x");
+            QVERIFY(QFile::link(path("victim"_s), QFile::decodeName(link)));
+            std::atomic<bool> stop{false};
+            std::thread swapper([&] {
+                while (!stop)
+                    ::renameat2(AT_FDCWD, folder.constData(), AT_FDCWD, link.constData(), RENAME_EXCHANGE);
+            });
+            if (tool) {
+                QFile::remove(path("cleanup"_s));
+                QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), path("cleanup"_s));
+                QProcess::execute(path("cleanup"_s), {"--pid"_s, "999999999"_s, "--dir"_s, product, "--retry"_s, "0"_s});
+            } else {
+                m_installer.removeFiles({product}, {});
+            }
+            stop = true;
+            swapper.join();
+            QDir(product).removeRecursively();
+        }
+        QCOMPARE(readFile(precious), QByteArray("mine"));
+    }
+
+    // The download cache is used, cleaned and removed only as a folder of this
+    // user: what a link in its place points to, or another user's folder, stays.
+    void downloadCache_data()
+    {
+        QTest::addColumn<bool>("link");
+        QTest::newRow("link to a folder") << true;
+        QTest::newRow("folder of another user") << false;
+    }
+    void downloadCache()
+    {
+        QFETCH(bool, link);
+        const QString cache = DownloadCache::folderOf(m_dir.path());
+        const QString kept = link ? path("outside/keep.txt"_s) : cache + "/keep.txt"_s;
+        QVERIFY(writeFile(kept, "keep"));
+        if (link)
+            QVERIFY(QFile::link(path("outside"_s), cache));
+        else if (::geteuid() != 0 || ::chown(QFile::encodeName(cache).constData(), 65534, 65534) != 0)
+            QSKIP("giving a folder to another user needs root");
+        m_installer.removeUpdateDir();
+        DownloadCache::clean(m_dir.path(), "app"_s);
+        QCOMPARE(readFile(kept), QByteArray("keep"));
+        QCOMPARE(DownloadCache::prepare(m_dir.path()), link);
+        QVERIFY(!QFileInfo(cache).isSymLink());
     }
 
     void settingsAndUninstallRecord()
@@ -211,16 +332,19 @@ private slots:
         SKGlobal *global = SKGlobal::instance();
         const QString root = "HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall"_s;
         const QString other = "HKEY_CURRENT_USER\\SOFTWARE\\Demo"_s;
-        m_installer.settings({{root + "\\Demo"_s, {{"UninstallString"_s, "${installPath}/unins.exe"_s}}},
+        // An expanded path with a blank is quoted: the command splits back into its arguments.
+        m_installer.setInstallPath(path("My Apps/Demo"_s));
+        m_installer.settings({{root + "\\Demo"_s, {{"UninstallString"_s, "${installPath}/unins.exe /S"_s}}},
                               {root + "\\DemoTwo"_s, {{"UninstallString"_s, "two.exe"_s}}},
                               {other, {{"UninstallString"_s, "other.exe"_s}}}});
-        QCOMPARE(global->settingValue(root + "\\Demo"_s, "UninstallString"_s).toString(),
-                 QDir::toNativeSeparators(path("unins.exe"_s)));
+        const QString command = global->settingValue(root + "\\Demo"_s, "UninstallString"_s).toString();
+        QCOMPARE(Installer::splitArguments(command), (QStringList{path("My Apps/Demo/unins.exe"_s), "/S"_s}));
         QCOMPARE(global->settingValue(other, "UninstallString"_s).toString(), "other.exe"_s);
         // The application key drops as many leading characters as the last name is long, plus one.
         const QVariantMap record
             = global->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"_s, "UninstallObj"_s).toMap();
         QCOMPARE(record.keys(), (QStringList{root.mid(5) + "\\Demo"_s, root.mid(8) + "\\DemoTwo"_s}));
+        QCOMPARE(record.value(root.mid(5) + "\\Demo"_s).toMap().value("tolmInstallPath"_s).toString(), command);
     }
 
     void splitArguments_data()
@@ -302,13 +426,13 @@ private slots:
         polite.start(helper, {"--sleep"_s, "60000"_s});
         hard.start(stubborn, {"-c"_s, "trap '' TERM; while :; do sleep 1; done"_s});
         QVERIFY(polite.waitForStarted() && hard.waitForStarted());
-        QTRY_VERIFY(!ProcessCloser::find(name + "-shell"_s).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!ProcessCloser::find(name + "-shell"_s).isEmpty(), 30000);
 
         // The test program's own name is listed too: the engine never ends itself.
         const QString self = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
         configure(R"({"clearProcess": ["%1.exe", "%1-shell", "%2"]})"_s.arg(name, self).toUtf8());
         QVERIFY(installer()->clearProcess());
-        QVERIFY(polite.waitForFinished(1000) && hard.waitForFinished(1000));
+        QVERIFY(polite.waitForFinished(30000) && hard.waitForFinished(30000));
         QCOMPARE(hard.exitCode() == 0 && hard.exitStatus() == QProcess::NormalExit, false);
     }
 
@@ -399,7 +523,7 @@ private slots:
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, QString::number(app.processId()), "--dir"_s, product, "--keep"_s,
                              product + "/data/user.cfg"_s, "--keep"_s, product + "/settings/"_s});
-        QVERIFY(cleanup.waitForFinished(20000));
+        QVERIFY(cleanup.waitForFinished(60000));
         QCOMPARE(cleanup.exitCode(), 0);
         QVERIFY(!QFile::exists(product + "/bin/app"_s));
         QCOMPARE(readFile(product + "/data/user.cfg"_s), QByteArray("kept"));
@@ -412,7 +536,7 @@ private slots:
         QVERIFY(!engine.isSuicide());
         engine.suicide(product);
         QVERIFY(engine.isSuicide());
-        QTRY_VERIFY(!ProcessCloser::find(name).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!ProcessCloser::find(name).isEmpty(), 30000);
         QVERIFY(ProcessCloser::close(name, 1000));
         QFile::remove(tool);
     }
@@ -433,7 +557,7 @@ private slots:
         writeFile(QDir::homePath() + "/marker"_s, "home");
         QProcess cleanup;
         cleanup.start(tool, {"--pid"_s, "999999999"_s, "--dir"_s, dir, "--wait"_s, "0"_s});
-        QVERIFY(cleanup.waitForFinished(10000));
+        QVERIFY(cleanup.waitForFinished(60000));
         QCOMPARE(cleanup.exitCode(), 2);
         QVERIFY(QFile::exists(QDir::homePath() + "/marker"_s));
     }

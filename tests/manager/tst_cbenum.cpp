@@ -57,7 +57,7 @@ private slots:
             info.cpuInfos.append(CPUInfo{QStringLiteral("queued"), 1, 2});
             emit emitter.inventory(info);
         });
-        QTRY_VERIFY(!got.cpuInfos.isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!got.cpuInfos.isEmpty(), 30000);
         QCOMPARE(received, (QList<int>{0x5124, 0x5124}));
         QCOMPARE(got.cpuInfos.first().name, QStringLiteral("queued"));
         QCOMPARE(spyShort.size() + spyFull.size(), 2);

@@ -310,10 +310,10 @@ private slots:
         pause.start();
         const auto retries = [&] { return log.count(" O_OnlineInstall"_s, QtWarningMsg); };
         const int firstRound = retries();
-        QVERIFY(QTest::qWaitFor([&] { return retries() > firstRound; }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return retries() > firstRound; }, 30000));
         QVERIFY2(pause.elapsed() >= 800, qPrintable(QString::number(pause.elapsed())));
         // The new round's attempt reaches the server a moment after it is logged.
-        QVERIFY(QTest::qWaitFor([&] { return faults.log().count("GET /down/modules/demo/demo") >= 6; }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return faults.log().count("GET /down/modules/demo/demo") >= 6; }, 30000));
         client.manager.revocateInstall();
         QCOMPARE(firstRound, 4);
         // No attempt was reported as an error: the engine keeps trying.

@@ -59,6 +59,9 @@ private slots:
         QVERIFY(writeFile(damaged, bytes));
         QVERIFY(writeFile(m_work.filePath("bogus.tolmpkg"_s), QByteArray(4096, 'x')));
         QVERIFY(QDir().mkpath(m_work.filePath("empty-repo"_s)));
+        // "café.txt" in composed and in decomposed form: two files on disk.
+        QVERIFY(writeFile(m_work.filePath(QStringLiteral("unicode/caf\u00e9.txt")), "composed"));
+        QVERIFY(writeFile(m_work.filePath(QStringLiteral("unicode/cafe\u0301.txt")), "decomposed"));
         QVERIFY(writeFile(m_work.filePath("empty.pub"_s), "\n"));
         // An index whose package is missing: the download gets a 404.
         QVERIFY(PackTool::ok(publish + QStringList{m_work.filePath("gone"_s)}));
@@ -133,37 +136,6 @@ private slots:
                              + key));
     }
 
-    // While the disk falls behind, reading from the network stops: the peak
-    // memory of a fetch through a slow disk does not grow with the package,
-    // beyond that of a small fetch at full speed.
-    void slowDiskKeepsMemoryBounded()
-    {
-#ifndef VINDAL_SLOWDISK
-        QSKIP("the slow disk shim is built on Linux only, without sanitizers");
-#else
-        QTemporaryDir dir;
-        const QString big = dir.filePath("big.tolmpkg"_s);
-        QVERIFY(writeFile(dir.filePath("tree/payload.bin"_s), pseudoRandom(48 << 20, 9)));
-        QVERIFY(PackTool::ok({"create"_s, dir.filePath("tree"_s), "-o"_s, big}));
-        QVERIFY(PackTool::ok({"publish"_s, big, "--module"_s, "big"_s, "--version"_s, "1"_s, "--repo"_s, dir.filePath("repo"_s)}));
-        QVERIFY(PackTool::ok({"publish"_s, m_package, "--module"_s, "small"_s, "--version"_s, "1"_s, "--repo"_s, dir.filePath("repo"_s)}));
-        FaultServer server;
-        QVERIFY(server.start(dir.filePath("repo"_s)));
-        const auto peakOf = [&](const QString &module, const QString &bytesPerSecond) {
-            QProcessEnvironment environment = slowDiskEnvironment(dir.filePath("peak"_s));
-            environment.insert("SLOWDISK_BYTES_PER_SECOND"_s, bytesPerSecond);
-            const PackTool::Run run = PackTool::run({"fetch"_s, "--server"_s, server.url("ok"_s), "--module"_s, module, "-o"_s,
-                                                     dir.filePath("out"_s)}, environment);
-            return run.exitCode == 0 ? readFile(dir.filePath("peak"_s)).trimmed().toLongLong() : -1;
-        };
-        const qint64 small = peakOf("small"_s, "1e12"_s);
-        const qint64 slow = peakOf("big"_s, QString::number(24 << 20));
-        QVERIFY(small > 0 && slow > 0);
-        QVERIFY2(slow <= small + 6 * 1024, qPrintable("peak %1 KiB through the slow disk, %2 KiB for a small fetch"_s.arg(slow).arg(small)));
-        QCOMPARE(PackTool::md5Of(dir.filePath("out/big.tolmpkg"_s)), PackTool::md5Of(big));
-#endif
-    }
-
     // An index as large as a server cares to send (here 38,000 versions, 8 MB)
     // is refused or parsed within a fixed amount of memory.
     void largeIndexKeepsMemoryBounded()
@@ -222,6 +194,9 @@ private slots:
         QTest::newRow("publish, empty key") << QStringList{"publish"_s, "@/app.tolmpkg"_s, "--repo"_s, "#/repo"_s,
                                                            "--module"_s, "app"_s, "--version"_s, "3"_s, "--key"_s, ""_s}
                                             << 1 << "--key is empty [ConfigError]"_s;
+        QTest::newRow("publish, the index's name with a dot")
+            << QStringList{"publish"_s, "@/index.json."_s, "--repo"_s, "#/repo"_s, "--module"_s, "app"_s, "--version"_s, "3"_s}
+            << 1 << "\"index.json.\" is taken by the repository layout"_s;
         QTest::newRow("fetch, package 404 over http")
             << QStringList{"fetch"_s, "--server"_s, "%gone"_s, "--module"_s, "app"_s, "-o"_s, "#"_s} << 1
             << "app.tolmpkg does not exist [NotFound]"_s;
@@ -229,6 +204,8 @@ private slots:
             << QStringList{"publish"_s, "p"_s, "--repo"_s, "r"_s, "--version"_s, "1"_s, "--module"_s, "m"_s,
                            "--expires"_s, "0"_s}
             << 2 << "--expires takes"_s;
+        QTest::newRow("create, names alike once normalised")
+            << QStringList{"create"_s, "@/unicode"_s, "-o"_s, "#/u.tolmpkg"_s} << 1 << "are one name once normalised"_s;
         QTest::newRow("nothing") << QStringList() << 2 << "Usage:"_s;
         QTest::newRow("unknown command") << QStringList{"pack"_s} << 2 << "unknown command"_s;
         QTest::newRow("create without -o") << QStringList{"create"_s, "."_s} << 2 << "missing -o"_s;

@@ -112,7 +112,7 @@ private slots:
         for (const QString &file : {mainPidFile, childPidFile, detachedPidFile}) {
             const qint64 pid = ::readFile(file).toLongLong();
             QVERIFY2(pid > 0, qPrintable(file));
-            QTRY_VERIFY2_WITH_TIMEOUT(processEnded(pid), qPrintable(file), 5000);
+            QTRY_VERIFY2_WITH_TIMEOUT(processEnded(pid), qPrintable(file), 30000);
         }
     }
 
@@ -250,7 +250,7 @@ private slots:
         env.insert("HOME"_s, dir.filePath("other"_s));
         reader.setProcessEnvironment(env);
         reader.start(QStringLiteral(CORBETH_SETTINGS_READER), {"--get"_s, key, "path"_s});
-        if (!reader.waitForFinished(10000) || reader.exitStatus() != QProcess::NormalExit || reader.exitCode() == 126)
+        if (!reader.waitForFinished(60000) || reader.exitStatus() != QProcess::NormalExit || reader.exitCode() == 126)
             QSKIP("the reader cannot run as another user from this checkout");
         QCOMPARE(reader.readAllStandardOutput().trimmed(), QByteArray("machine"));
     }

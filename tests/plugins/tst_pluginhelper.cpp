@@ -8,8 +8,12 @@
 #include <QtCore/QDir>
 #include <QtCore/QPluginLoader>
 #include <QtCore/QPointer>
+#include <QtCore/QProcess>
 #include <QtCore/QScopedPointer>
+#include <QtCore/QTemporaryDir>
 #include <QtTest/QSignalSpy>
+
+#include <filesystem>
 
 using namespace Corbeth;
 
@@ -57,6 +61,39 @@ private slots:
         QVERIFY(plugin.isNull());
     }
 
+    // A library that another user could change or put there is never loaded.
+    void refusesWhatOthersCanChange_data()
+    {
+        QTest::addColumn<bool>("folder"); // the folder is made unsafe, else the library
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<bool>("otherOwner");
+        QTest::newRow("folder writable by all") << true << 0777 << false;
+        QTest::newRow("folder writable by its group") << true << 0775 << false;
+        QTest::newRow("library writable by all") << false << 0666 << false;
+        QTest::newRow("library of another user") << false << 0644 << true;
+    }
+
+    void refusesWhatOthersCanChange()
+    {
+        QFETCH(bool, folder);
+        QFETCH(int, mode);
+        QFETCH(bool, otherOwner);
+        QTemporaryDir dir;
+        const QString plugins = dir.filePath(QStringLiteral("plugins"));
+        const QString library = plugins + QStringLiteral("/diskinfo.so");
+        const QFileInfoList built = QDir(pluginDir).entryInfoList({QStringLiteral("*tst_diskinfo.*")}, QDir::Files);
+        QVERIFY(QDir().mkpath(plugins) && !built.isEmpty() && QFile::copy(built.first().absoluteFilePath(), library));
+        const QString unsafe = folder ? plugins : library;
+        std::filesystem::permissions(unsafe.toStdString(), std::filesystem::perms(mode));
+        if (otherOwner && QProcess::execute(QStringLiteral("chown"), {QStringLiteral("nobody"), unsafe}) != 0)
+            QSKIP("only the administrator can give a file to another user");
+        LogCapture log;
+        PluginHelper helper;
+        QCOMPARE(helper.initPluginLoader(plugins), folder ? CBEnum::EC_FileNotOpen : CBEnum::EC_NoError);
+        QVERIFY(helper.pluginNames().isEmpty());
+        QVERIFY2(log.contains(QLatin1Char('"') + unsafe + QLatin1Char('"'), QtCriticalMsg), qPrintable(log.dump()));
+    }
+
     // Loaded from the folder the configuration names with a path variable.
     void requestsGetFreshIdsAndOneRelayEach()
     {
@@ -71,7 +108,7 @@ private slots:
         QCOMPARE(helper->requestPlugin(QStringLiteral("diskinfo"), {}, second), CBEnum::EC_NoError);
         QVERIFY(!first.isEmpty() && first != second);
 
-        QTRY_COMPARE(answers.count(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(answers.count(), 2, 30000);
         QTest::qWait(50);
         QCOMPARE(answers.count(), 2); // a doubled relay would have answered four times
         QCOMPARE(answers.at(0).at(0).toString(), QStringLiteral("diskinfo"));

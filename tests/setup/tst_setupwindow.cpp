@@ -300,7 +300,7 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return stage->text().startsWith("Downloading"_s); }, 30000));
         // The first KiB arrived: the page counts it against the package size.
         auto *transfer = window.findChild<QLabel *>("transferLabel"_s);
-        QVERIFY2(QTest::qWaitFor([&] { return transfer->text().contains(" of "_s); }, 10000), qPrintable(transfer->text()));
+        QVERIFY2(QTest::qWaitFor([&] { return transfer->text().contains(" of "_s); }, 30000), qPrintable(transfer->text()));
         picture(window, "5-downloading"_s);
 
         // No changes its mind first; then Escape asks again and Yes cancels.
@@ -334,7 +334,7 @@ private slots:
         second.start(QStringLiteral(CORBETH_SETUP_PROGRAM), {"--config"_s, config});
         QVERIFY(second.waitForFinished(30000));
         QCOMPARE(second.exitCode(), 0);
-        QVERIFY(activated.count() == 1 || activated.wait(5000));
+        QVERIFY(activated.count() == 1 || activated.wait(30000));
         // Another product's installer is not held back.
         SingleInstance other(path("other.json"_s));
         QVERIFY(other.claim());
@@ -351,6 +351,8 @@ private slots:
         QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << QString();
         QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << QString();
         QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << QString();
+        QTest::newRow("help") << QStringList{"--help"_s} << 0 << QString();
+        QTest::newRow("version") << QStringList{"--version"_s} << 0 << QString();
     }
 
     void silent()
@@ -367,7 +369,12 @@ private slots:
         arguments.replaceInStrings("%media"_s, run.filePath("media"_s));
         arguments.replaceInStrings("%tampered"_s, run.filePath("tampered"_s));
         arguments.replaceInStrings("%work"_s, run.path());
+        // None of it needs a display: X is asked for, and there is none.
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove("DISPLAY"_s);
+        environment.insert("QT_QPA_PLATFORM"_s, "xcb"_s);
         QProcess setup;
+        setup.setProcessEnvironment(environment);
         setup.start(QStringLiteral(CORBETH_SETUP_PROGRAM),
                     QStringList{"--silent"_s, "--config"_s, configFile(m_repository), "--from"_s, run.filePath("empty"_s),
                                 "--path"_s, run.filePath("inst"_s)}
@@ -381,25 +388,6 @@ private slots:
             QVERIFY(QFileInfo::exists(run.filePath("inst/"_s + installed)));
         else
             QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
-    }
-
-    // Install, then the update finds the folder in the settings store,
-    // downloads the package again and runs the update operation.
-    void silentUpdate()
-    {
-        SettingsSandbox store;
-        QTemporaryDir run;
-        const QString config = configFile(m_repository);
-        const auto setup = [&](const QStringList &arguments) {
-            return QProcess::execute(QStringLiteral(CORBETH_SETUP_PROGRAM),
-                                     QStringList{"--silent"_s, "--config"_s, config, "--from"_s, run.path()} + arguments);
-        };
-        QCOMPARE(setup({"--path"_s, run.filePath("inst"_s)}), 0);
-        QVERIFY(!QFileInfo::exists(run.filePath("inst/updated.txt"_s)));
-        QCOMPARE(setup({"--update"_s}), 0);
-        QCOMPARE(readFile(run.filePath("inst/updated.txt"_s)), QByteArray("sample"));
-        QCOMPARE(setup({"--uninstall"_s}), 0);
-        QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
     }
 };
 

@@ -5,6 +5,8 @@
 // are always served plainly, so the client finds its index. The faults:
 //   ok       the file, with range support
 //   drop     the first request ends after half the file; later ones are ok
+//   liar     every request ends after half the file, one byte changed, sent
+//            with the ETag the honest servers send
 //   stall    headers and the first KiB, then silence
 //   busy     the first request gets 503; later ones are ok
 //   down     every request for a package gets 503
@@ -19,7 +21,7 @@
 //            later, so that a second client can come in between; later
 //            requests are ok
 //   hang     no answer at all, not even to documents
-// Each request line (and its Range header) goes to standard error before the
+// Each request line (and its Range and If-Range headers) goes to standard error before the
 // answer. The server quits when its standard input closes.
 
 #include <QtCore/QCoreApplication>
@@ -70,7 +72,9 @@ void serve(QTcpSocket *socket, const QByteArray &path, const QByteArray &range)
         return reply(socket, "206 Partial Content", etag + "Content-Range: bytes " + QByteArray::number(from) + '-' + last + '/' + length + "\r\n",
                      content.mid(int(from)));
     }
-    if (fault == "drop") {
+    if (fault == "drop" || fault == "liar") {
+        if (fault == "liar")
+            content[content.size() / 4] = char(content.at(content.size() / 4) ^ 0x55);
         socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\nETag: \"v1\"\r\nContent-Length: " + length + "\r\n\r\n"
                       + content.left(content.size() / 2));
         socket->flush();
@@ -133,13 +137,16 @@ void onReadyRead(QTcpSocket *socket)
     QObject::disconnect(socket, &QTcpSocket::readyRead, nullptr, nullptr);
     const QList<QByteArray> lines = request.left(end).split('\n');
     QByteArray range;
+    QByteArray ifRange;
     for (const QByteArray &line : lines.mid(1)) {
         if (line.toLower().startsWith("range:"))
             range = line.mid(6).trimmed();
+        if (line.toLower().startsWith("if-range:"))
+            ifRange = " If-Range: " + line.mid(9).trimmed();
     }
     const QList<QByteArray> words = lines.value(0).trimmed().split(' ');
-    std::fprintf(stderr, "%s %s%s%s\n", words.value(0).constData(), words.value(1).constData(), range.isEmpty() ? "" : " Range: ",
-                 range.constData());
+    std::fprintf(stderr, "%s %s%s%s%s\n", words.value(0).constData(), words.value(1).constData(), range.isEmpty() ? "" : " Range: ",
+                 range.constData(), ifRange.constData());
     serve(socket, QByteArray::fromPercentEncoding(words.value(1)), range);
 }
 

@@ -323,7 +323,7 @@ private slots:
 
     void missingPackage() { QCOMPARE(Package::extract(path("missing.tolmpkg"_s), path("target"_s)).code, Error::NotFound); }
 
-    void linksReplacedAndSetuidDropped()
+    void linksReplacedAndSetuidAndSharedWriteDropped()
     {
         // A link already in the target is replaced, not followed.
         const QString sentinel = path("outside/sentinel.txt"_s);
@@ -332,15 +332,32 @@ private slots:
         QVERIFY(QDir().mkpath(target));
         QVERIFY(QFile::link(sentinel, target + "/config.txt"_s));
         const QString package = path("p.tolmpkg"_s);
-        QVERIFY(writeArchive(package, TarZstd, {Entry{"config.txt", AE_IFREG, 0644, "new"}, Entry{"tool", AE_IFREG, 06755, "#!/bin/sh\n"}}));
+        QVERIFY(writeArchive(package, TarZstd, {Entry{"config.txt", AE_IFREG, 0644, "new"}, Entry{"tool", AE_IFREG, 06755, "#!/bin/sh\n"},
+                                                Entry{"shared", AE_IFDIR, 02777}, Entry{"shared/run", AE_IFREG, 0777, "x"}}));
 
         QVERIFY(Package::extract(package, target));
         QCOMPARE(readFile(sentinel), QByteArray("sentinel"));
         QVERIFY(!QFileInfo(target + "/config.txt"_s).isSymLink());
         QCOMPARE(readFile(target + "/config.txt"_s), QByteArray("new"));
         struct stat st;
-        QCOMPARE(::stat(QFile::encodeName(target + "/tool"_s).constData(), &st), 0);
-        QCOMPARE(int(st.st_mode & 07777), 0755);
+        // Nobody but the owner may change what was unpacked.
+        for (const char *name : {"/tool", "/shared", "/shared/run"}) {
+            QCOMPARE(::stat(QFile::encodeName(target + QLatin1String(name)).constData(), &st), 0);
+            QCOMPARE(int(st.st_mode & 07777), 0755);
+        }
+    }
+
+    // A killed unpack leaves its hidden temporary files; the next one into the
+    // same folder removes them, and nothing else.
+    void leftoversOfAKilledUnpackAreRemoved()
+    {
+        const QString target = path("target"_s);
+        for (const char *name : {"/.vindal-a1B2c3", "/shared/.vindal-Zz9xyQ", "/.vindal-notes.txt"})
+            QVERIFY(writeFile(target + QLatin1String(name), "x"));
+        const QString package = path("p.tolmpkg"_s);
+        QVERIFY(writeArchive(package, TarZstd, {Entry{"shared/run", AE_IFREG, 0755, "x"}}));
+        QVERIFY(Package::extract(package, target));
+        QCOMPARE(snapshot(target).keys(), (QStringList{".vindal-notes.txt"_s, "shared"_s, "shared/run"_s}));
     }
 
     void publishAndVerify()
@@ -414,6 +431,13 @@ private slots:
         QTest::newRow("named like the index") << "index.json" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("named like the signature") << "Index.JSON.sig" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("named like a part file") << "a.tolmpkg.part" << "app" << "1.0" << int(Error::ConfigError);
+        // Names that "$" let through, and names Windows reads as the index or as a device.
+        QTest::newRow("index with a line break") << "index.json\n" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("part file with a line break") << "a.tolmpkg.part\n" << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("version with a line break") << "a.tolmpkg" << "app" << "1.0\n" << int(Error::ConfigError);
+        QTest::newRow("module with a trailing dot") << "a.tolmpkg" << "app." << "1.0" << int(Error::ConfigError);
+        QTest::newRow("index with a trailing dot") << "Index.json." << "app" << "1.0" << int(Error::ConfigError);
+        QTest::newRow("device name") << "nul.tolmpkg" << "app" << "1.0" << int(Error::ConfigError);
         QTest::newRow("file name taken by another version") << "taken.tolmpkg" << "app" << "2.0" << int(Error::ConfigError);
         QTest::newRow("missing package") << "missing.tolmpkg" << "app" << "1.0" << int(Error::NotFound);
     }

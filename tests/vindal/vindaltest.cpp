@@ -66,7 +66,7 @@ bool Nginx::load()
 FaultServer::~FaultServer()
 {
     m_process.kill();
-    m_process.waitForFinished(5000);
+    m_process.waitForFinished(30000);
 }
 
 bool FaultServer::start(const QString &folder)
@@ -74,7 +74,7 @@ bool FaultServer::start(const QString &folder)
     m_log = folder + ".faultlog"_s;
     m_process.setStandardErrorFile(m_log);
     m_process.start(QStringLiteral(VINDAL_FAULTSERVER), {folder});
-    if (!m_process.waitForStarted(5000) || !m_process.waitForReadyRead(5000))
+    if (!m_process.waitForStarted(30000) || !m_process.waitForReadyRead(30000))
         return false;
     m_port = m_process.readLine().trimmed().toInt();
     return m_port > 0;

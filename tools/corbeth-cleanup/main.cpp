@@ -12,6 +12,7 @@
 // Plain C++ on purpose: the tool runs from a temporary folder, away from the Qt
 // libraries of the folder it removes.
 #include "platform/protectedpath.h"
+#include "platform/treeremover.h"
 #include "selfprocess.h"
 
 #include <algorithm>
@@ -98,29 +99,19 @@ bool isKept(const fs::path &path, const std::vector<fs::path> &keep)
     return false;
 }
 
-// One pass: removes every entry below dir that is neither kept nor holds a kept
-// path, deepest first. Symbolic links are removed as links and never followed.
-// Returns the number of entries that could not be removed.
-int removePass(const fs::path &dir, const std::vector<fs::path> &keep)
+// Kept paths stay with all they hold; a folder that holds one is walked and stays.
+Corbeth::TreeRemover::Entry keepRule(const fs::path &entry, const std::vector<fs::path> &keep)
 {
-    int failed = 0;
-    std::error_code ec;
-    std::vector<fs::path> entries;
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
-        entries.push_back(it->path());
-    for (const fs::path &entry : entries) {
-        if (std::find(keep.begin(), keep.end(), entry) != keep.end())
-            continue;
-        std::error_code entryEc;
-        if (fs::is_directory(fs::symlink_status(entry, entryEc)))
-            failed += removePass(entry, keep);
-        if (isKept(entry, keep))
-            continue;
-        fs::remove(entry, entryEc);
-        if (entryEc)
-            ++failed;
-    }
-    return failed;
+    using Entry = Corbeth::TreeRemover::Entry;
+    if (std::find(keep.begin(), keep.end(), entry) != keep.end())
+        return Entry::Keep;
+    return isKept(entry, keep) ? Entry::KeepFolder : Entry::Remove;
+}
+
+int refuse(const fs::path &dir)
+{
+    std::fprintf(stderr, "corbeth-cleanup: refusing to remove %s\n", dir.u8string().c_str());
+    return Refused;
 }
 
 } // namespace
@@ -137,22 +128,26 @@ int main(int argc, char *argv[])
     int result = Done;
     const fs::path dir = lexicallyNormal(options.dir);
     if (Corbeth::ProtectedPath::isProtected(dir)) {
-        std::fprintf(stderr, "corbeth-cleanup: refusing to remove %s\n", dir.u8string().c_str());
-        result = Refused;
+        result = refuse(dir);
     } else if (!SelfProcess::waitForExit(options.pid, std::chrono::seconds(options.waitSeconds))) {
         std::fprintf(stderr, "corbeth-cleanup: process %lld is still running\n", static_cast<long long>(options.pid));
         result = StillRunning;
     } else {
+        // The folder is opened (and checked again) only now, after the wait,
+        // and walked through its open handle: a folder swapped for a link
+        // meanwhile is refused, never followed.
+        using Corbeth::TreeRemover;
+        const auto rule = [&options](const fs::path &entry) { return keepRule(entry, options.keep); };
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.retrySeconds);
-        std::error_code ec;
-        while (fs::exists(dir, ec) && removePass(dir, options.keep) > 0
+        TreeRemover::Status status;
+        while ((status = TreeRemover::remove(dir, rule)) == TreeRemover::Status::Incomplete
                && std::chrono::steady_clock::now() < deadline) {
             // Something still holds a file open (a virus scanner, a closing program).
             std::this_thread::sleep_for(std::chrono::milliseconds(250));
         }
-        if (!isKept(dir, options.keep))
-            fs::remove(dir, ec);
-        if (removePass(dir, options.keep) > 0)
+        if (status == TreeRemover::Status::Refused)
+            result = refuse(dir);
+        else if (status == TreeRemover::Status::Incomplete)
             result = Incomplete;
     }
     SelfProcess::removeExecutable();

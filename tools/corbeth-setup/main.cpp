@@ -72,14 +72,20 @@ int runSilent(Manager &manager, const ProductInfo &product, const SetupOptions &
 
 int main(int argc, char *argv[])
 {
+    // The silent form and the answers to --help and --version need no
+    // display: they run without the GUI, so that they work over ssh and in CI.
     bool silent = false;
-    for (int i = 1; i < argc; ++i)
+    bool windowless = false;
+    for (int i = 1; i < argc; ++i) {
         silent = silent || qstrcmp(argv[i], "--silent") == 0;
+        for (const char *option : {"--help", "-h", "-?", "--help-all", "--version", "-v"})
+            windowless = windowless || qstrcmp(argv[i], option) == 0;
+    }
 
     QCoreApplication::setApplicationName(QStringLiteral("corbeth-setup"));
     QCoreApplication::setApplicationVersion(QStringLiteral(CORBETH_SETUP_VERSION));
     std::unique_ptr<QCoreApplication> app;
-    if (silent) {
+    if (silent || windowless) {
         app = std::make_unique<QCoreApplication>(argc, argv);
         QLoggingCategory::setFilterRules(QStringLiteral("corbeth.lib=false"));
     } else {

@@ -8,6 +8,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
 #include <QtCore/QFileInfo>
+#include <QtCore/QHash>
 #include <QtCore/QSaveFile>
 
 #include <archive.h>
@@ -94,6 +95,18 @@ Outcome ArchiveCreator::run(const ProgressCallback &progress)
         if (info.isFile() && !info.isSymLink())
             total += info.size();
         items.append(Item{relative, relative.toUtf8(), info});
+    }
+    // Names are stored in Unicode normalisation form C: two names that differ
+    // only in their form (an NFC and an NFD "café") would unpack into one file.
+    QHash<QString, QString> byForm;
+    for (const Item &item : qAsConst(items)) {
+        const QString form = item.relative.normalized(QString::NormalizationForm_C);
+        if (byForm.contains(form))
+            return Outcome::failure(Error::UnsafeArchive,
+                                    QStringLiteral("\"%1\" and \"%2\" are one name once normalised; one would be lost")
+                                        .arg(byForm.value(form), item.relative),
+                                    item.relative);
+        byForm.insert(form, item.relative);
     }
     // Byte order of the UTF-8 names: the same on every system and locale.
     std::sort(items.begin(), items.end(), [](const Item &a, const Item &b) { return a.key < b.key; });

@@ -7,6 +7,7 @@
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
+#include <QtCore/QDirIterator>
 #include <QtCore/QFileInfo>
 #include <QtCore/QTemporaryFile>
 
@@ -25,13 +26,17 @@ namespace {
 const qint64 MinimumBytesCap = Q_INT64_C(32) * 1024 * 1024;
 // Entries allowed on top of one per 16 bytes of archive.
 const qint64 BaseEntries = 10000;
+// Files being written are hidden under this prefix until they are complete.
+const char TemporaryPrefix[] = ".vindal-";
 
 QFileDevice::Permissions permissionsOf(int mode, bool folder)
 {
-    // Only permission bits; setuid, setgid and sticky are dropped. The owner
-    // always keeps read and write (and entry for folders) so that a later
-    // update can replace what this one wrote.
-    mode = (mode & 0777) | 0600 | (folder ? 0100 : 0);
+    // Only permission bits; setuid, setgid and sticky are dropped, and so is
+    // write access for group and others: any local user could otherwise
+    // replace a program that root installed. The owner always keeps read and
+    // write (and entry for folders) so that a later update can replace what
+    // this one wrote.
+    mode = (mode & 0755) | 0600 | (folder ? 0100 : 0);
     QFileDevice::Permissions permissions;
     const struct { int bit; QFileDevice::Permission permission; } bits[] = {
         {0400, QFileDevice::ReadOwner}, {0200, QFileDevice::WriteOwner}, {0100, QFileDevice::ExeOwner},
@@ -163,6 +168,7 @@ Outcome ArchiveExtractor::run(const ProgressCallback &progress)
     m_root = QFileInfo(m_target).canonicalFilePath();
     if (m_root.isEmpty())
         return writeError(QString(), m_target, QStringLiteral("the target folder cannot be resolved"));
+    removeLeftovers();
 
     std::unique_ptr<struct archive, int (*)(struct archive *)> reader(archive_read_new(), &archive_read_free);
     // Exactly the formats and filters a package may use; every other reader
@@ -216,6 +222,18 @@ Outcome ArchiveExtractor::run(const ProgressCallback &progress)
         return Outcome::failure(Error::Cancelled, QStringLiteral("unpacking was cancelled"));
     qCDebug(lcVindal) << "unpacked" << entries << "entries," << m_written << "bytes into" << m_root;
     return Outcome::success();
+}
+
+void ArchiveExtractor::removeLeftovers()
+{
+    // The names QTemporaryFile gives writeFile()'s files; links are not followed.
+    QDirIterator it(m_root, {QString::fromLatin1(TemporaryPrefix) + QLatin1String("??????")},
+                    QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString leftover = it.next();
+        if (QFile::remove(leftover))
+            qCDebug(lcVindal) << "removed what an interrupted unpack left" << leftover;
+    }
 }
 
 Outcome ArchiveExtractor::makeFolders(const QStringList &parts, int count, const QString &name)
@@ -305,7 +323,8 @@ Outcome ArchiveExtractor::writeFile(struct archive *reader, struct archive_entry
     // a reader sees the old file or the new one, never half of one, and a
     // link in the way is replaced, not followed. No sync per file: an
     // installer writes thousands of them.
-    QTemporaryFile file(QFileInfo(path).absolutePath() + QLatin1String("/.vindal-XXXXXX"));
+    QTemporaryFile file(QFileInfo(path).absolutePath() + QLatin1Char('/') + QLatin1String(TemporaryPrefix)
+                        + QLatin1String("XXXXXX"));
     if (!file.open())
         return writeError(name, path, file.errorString());
     qint64 position = 0;

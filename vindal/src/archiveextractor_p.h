@@ -38,6 +38,9 @@ private:
     Outcome writeFile(struct archive *reader, struct archive_entry *entry, const QString &name,
                       const QString &path, const ProgressCallback &progress);
     Outcome makeFolders(const QStringList &parts, int count, const QString &name);
+    // Removes the temporary files an unpack into the same folder left when it
+    // was killed: they would otherwise stay, hidden, for good.
+    void removeLeftovers();
     bool reportProgress(const ProgressCallback &progress);
 
     QString m_archive;

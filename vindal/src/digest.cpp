@@ -53,11 +53,14 @@ QString Digest::hex() const
 bool Digest::addFile(const QString &path, qint64 size)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return false;
+    return file.open(QIODevice::ReadOnly | QIODevice::Unbuffered) && addDevice(&file, size);
+}
+
+bool Digest::addDevice(QIODevice *device, qint64 size)
+{
     QByteArray buffer(1 << 20, Qt::Uninitialized);
     for (qint64 left = size < 0 ? std::numeric_limits<qint64>::max() : size; left > 0;) {
-        const qint64 n = file.read(buffer.data(), qMin<qint64>(left, buffer.size()));
+        const qint64 n = device->read(buffer.data(), qMin<qint64>(left, buffer.size()));
         if (n < 0 || (n == 0 && size >= 0))
             return false;
         if (n == 0)
@@ -66,12 +69,6 @@ bool Digest::addFile(const QString &path, qint64 size)
         left -= n;
     }
     return true;
-}
-
-QString Digest::sha256OfFile(const QString &path)
-{
-    Digest sha256(Sha256);
-    return sha256.addFile(path) ? sha256.hex() : QString();
 }
 
 } // namespace Vindal

@@ -3,6 +3,8 @@
 
 #include <QtCore/QString>
 
+class QIODevice;
+
 struct evp_md_ctx_st;
 
 namespace Vindal {
@@ -25,12 +27,12 @@ public:
     // Adds the first size bytes of a file (all of it when size < 0); false
     // when it cannot be read or is shorter.
     bool addFile(const QString &path, qint64 size = -1);
+    // The same from a device open for reading, from where it stands.
+    bool addDevice(QIODevice *device, qint64 size = -1);
     void reset();
     // The digest of what was added so far, lower-case hex; adding may go on.
     QString hex() const;
 
-    // The SHA-256 of a whole file, empty when it cannot be read.
-    static QString sha256OfFile(const QString &path);
 
 private:
     Algorithm m_algorithm;

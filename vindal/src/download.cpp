@@ -2,6 +2,7 @@
 
 #include "digest_p.h"
 #include "logging_p.h"
+#include "plainfile_p.h"
 
 #include <QtConcurrent/QtConcurrentRun>
 #include <QtCore/QDir>
@@ -10,7 +11,6 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
-#include <QtCore/QSaveFile>
 #include <QtNetwork/QNetworkAccessManager>
 #include <QtNetwork/QNetworkReply>
 
@@ -20,6 +20,7 @@ namespace {
 
 const QString MetaSha256 = QStringLiteral("sha256");
 const QString MetaValidator = QStringLiteral("validator");
+const QString MetaSource = QStringLiteral("source");
 
 // What the transfer holds in memory: Qt's read buffer, the buffers queued for
 // the hash, and the one being written; a few MiB in all. Smaller ones cost
@@ -42,27 +43,37 @@ struct Download::Resume
     bool complete = false;
     qint64 have = 0;
     QByteArray validator;
+    QString source;
 
     void inspect()
     {
-        if (QFileInfo::exists(finalPath)) {
-            if (QFileInfo(finalPath).size() == entry.size && Digest::sha256OfFile(finalPath) == entry.sha256) {
+        // Only plain files of this user count; anything else under these
+        // names (a link, someone else's file) is removed, never followed.
+        QString refused;
+        QFile file;
+        if (PlainFile::open(&file, finalPath, QIODevice::ReadOnly, &refused)) {
+            Digest sha256(Digest::Sha256);
+            if (file.size() == entry.size && sha256.addDevice(&file) && sha256.hex() == entry.sha256) {
                 complete = true;
                 return;
             }
-            QFile::remove(finalPath);
+            file.close();
         }
-        QFile meta(metaPath);
-        const QJsonObject info = meta.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(meta.read(4096)).object() : QJsonObject();
-        const qint64 size = QFileInfo(partPath).size();
+        QFile::remove(finalPath);
+        QFile meta;
+        const QJsonObject info = PlainFile::open(&meta, metaPath, QIODevice::ReadOnly, &refused)
+            ? QJsonDocument::fromJson(meta.read(4096)).object()
+            : QJsonObject();
+        const qint64 size = PlainFile::open(&file, partPath, QIODevice::ReadOnly, &refused) ? file.size() : -1;
         // A ".part" of another file (same name, other content) starts over.
-        if (info.value(MetaSha256).toString() != entry.sha256 || size > entry.size) {
+        if (info.value(MetaSha256).toString() != entry.sha256 || size < 0 || size > entry.size) {
             QFile::remove(partPath);
             QFile::remove(metaPath);
             return;
         }
         have = size;
         validator = info.value(MetaValidator).toString().toLatin1();
+        source = info.value(MetaSource).toString();
     }
 };
 
@@ -79,7 +90,6 @@ Download::Download(QNetworkAccessManager *network, const RepositoryConfig &confi
     , m_progress(std::move(progress))
     , m_done(std::move(done))
     , m_plan(urls.size(), config.retries)
-    , m_part(m_partPath)
     , m_lock(m_partPath + QLatin1String(".lock"))
     , m_watch(config,
               [this](const QString &why) {
@@ -145,9 +155,10 @@ void Download::prepared(const std::shared_ptr<Resume> &resume)
     }
     m_written = resume->have;
     m_validator = resume->validator;
-    if (!m_part.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
-        return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(m_partPath, m_part.errorString()),
-                                       m_partPath));
+    m_source = resume->source;
+    QString error;
+    if (!PlainFile::open(&m_part, m_partPath, QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered, &error))
+        return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(m_partPath, error), m_partPath));
     if (m_written > 0)
         qCDebug(lcVindal) << "resuming" << m_partPath << "at" << m_written;
     m_hasher.reset(new StreamHasher(HashQueueBytes, [this] {
@@ -169,7 +180,9 @@ void Download::attempt()
     m_rangeRequested = m_written > 0;
     if (m_rangeRequested) {
         request.setRawHeader("Range", "bytes=" + QByteArray::number(m_written) + '-');
-        if (!m_validator.isEmpty())
+        // A validator goes back only to the server that gave it: another
+        // one may serve other bytes under the same ETag.
+        if (!m_validator.isEmpty() && m_source == currentUrl())
             request.setRawHeader("If-Range", m_validator);
     }
     m_headersChecked = false;
@@ -188,7 +201,7 @@ bool Download::acceptHeaders()
     const int status = Transfer::statusOf(m_reply);
     const QString url = m_reply->url().toString();
     if (status == 206 && m_rangeRequested) {
-        static const QRegularExpression range(QStringLiteral("^bytes (\\d+)-(\\d+)/(\\d+)$"));
+        static const QRegularExpression range(QRegularExpression::anchoredPattern(QStringLiteral("bytes (\\d+)-(\\d+)/(\\d+)")));
         const auto match = range.match(QString::fromLatin1(m_reply->rawHeader("Content-Range")));
         if (!match.hasMatch() || match.captured(1).toLongLong() != m_written || match.captured(3).toLongLong() != m_entry.size) {
             m_refusal.outcome = Outcome::failure(Error::DownloadFailed,
@@ -199,6 +212,11 @@ bool Download::acceptHeaders()
             restartFromZero();
             m_reply->abort();
             return false;
+        }
+        if (m_source != currentUrl() && !m_source.isEmpty()) {
+            m_source.clear(); // the part now holds the bytes of two servers
+            m_validator.clear();
+            saveMeta();
         }
         return true;
     }
@@ -217,7 +235,9 @@ bool Download::acceptHeaders()
             return false;
         }
         const QByteArray etag = m_reply->rawHeader("ETag");
-        saveValidator(!etag.isEmpty() && !etag.startsWith("W/") ? etag : m_reply->rawHeader("Last-Modified"));
+        m_validator = !etag.isEmpty() && !etag.startsWith("W/") ? etag : m_reply->rawHeader("Last-Modified");
+        m_source = currentUrl();
+        saveMeta();
         return true;
     }
     m_refusal = Transfer::judge(m_reply);
@@ -310,18 +330,24 @@ void Download::restartFromZero()
     m_hasher->restart();
     m_holding = false;
     m_validator.clear();
+    m_source.clear();
     QFile::remove(m_metaPath);
 }
 
-void Download::saveValidator(const QByteArray &validator)
+void Download::saveMeta()
 {
-    m_validator = validator;
     QJsonObject meta;
     meta.insert(MetaSha256, m_entry.sha256);
-    meta.insert(MetaValidator, QString::fromLatin1(validator));
-    QSaveFile file(m_metaPath);
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(meta).toJson(QJsonDocument::Compact)) < 0 || !file.commit())
-        qCWarning(lcVindal) << "cannot write" << m_metaPath << file.errorString() << "- a later resume starts from zero";
+    meta.insert(MetaValidator, QString::fromLatin1(m_validator));
+    meta.insert(MetaSource, m_source);
+    QString error;
+    if (!PlainFile::write(m_metaPath, QJsonDocument(meta).toJson(QJsonDocument::Compact), &error))
+        qCWarning(lcVindal) << "cannot write" << m_metaPath << error << "- a later resume starts from zero";
+}
+
+QString Download::currentUrl() const
+{
+    return m_urls.at(qMax(0, m_plan.current())).toString();
 }
 
 void Download::failAttempt(const Transfer::Verdict &verdict)
@@ -347,20 +373,22 @@ void Download::verified(const QString &sha256)
     if (m_finished)
         return; // the deadline came first
     if (sha256 != m_entry.sha256) {
-        const QString url = m_urls.at(qMax(0, m_plan.current())).toString();
         Transfer::Verdict verdict;
         verdict.outcome = Outcome::failure(Error::ChecksumMismatch,
-                                           QStringLiteral("%1 from %2 has SHA-256 %3, the index says %4").arg(m_entry.file, url, sha256, m_entry.sha256),
+                                           QStringLiteral("%1 from %2 has SHA-256 %3, the index says %4").arg(m_entry.file, currentUrl(), sha256, m_entry.sha256),
                                            m_entry.file);
+        // Bytes of one server: it serves a wrong file, the others may not.
+        // Bytes of several (a resume from another server's part): any of
+        // them may have lied, so this one starts again from the first byte.
+        verdict.retryable = m_plan.current() < 0 || m_source != currentUrl();
         restartFromZero();
-        return failAttempt(verdict); // this base serves a wrong file; the others may not
+        if (verdict.retryable)
+            m_plan.repeat();
+        return failAttempt(verdict);
     }
-    m_part.close();
-    if (QFileInfo::exists(m_finalPath))
-        QFile::remove(m_finalPath);
-    if (!m_part.rename(m_finalPath)) {
-        return finish(Outcome::failure(Error::DiskFull,
-                                       QStringLiteral("cannot rename \"%1\" to \"%2\": %3").arg(m_partPath, m_finalPath, m_part.errorString()),
+    QString error;
+    if (!PlainFile::rename(&m_part, m_partPath, m_finalPath, &error)) {
+        return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot rename \"%1\" to \"%2\": %3").arg(m_partPath, m_finalPath, error),
                                        m_finalPath));
     }
     QFile::remove(m_metaPath);
@@ -378,10 +406,8 @@ void Download::finish(const Outcome &outcome)
     dropReply();
     m_part.close();
     // A failure before the first byte (a 404, say) leaves nothing to resume.
-    if (!outcome && m_part.exists() && m_part.size() == 0) {
-        m_part.remove();
+    if (!outcome && m_hasher && m_written == 0 && QFile::remove(m_partPath))
         QFile::remove(m_metaPath);
-    }
     m_lock.unlock();
     const Done done = m_done;
     done(outcome, m_finalPath);

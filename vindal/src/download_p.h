@@ -25,8 +25,8 @@ namespace Vindal {
 // and are hashed (SHA-256) from memory as they arrive; the file gets its
 // final name only once its size and SHA-256 match the index. (Its MD5 is the
 // index's: equal SHA-256 means equal bytes.) A ".part" left by an earlier
-// attempt is resumed with a range request (If-Range guards against a changed
-// file). "<file>.part.lock" keeps a second download of the same file into the
+// attempt is resumed with a range request (If-Range, sent only to the server
+// that gave the validator, guards against a changed file). "<file>.part.lock" keeps a second download of the same file into the
 // same folder out. Reading stops while the disk or the hash is behind, so
 // memory stays bounded whatever their speed. Lives on the manager's thread;
 // deleting it stops the transfer and keeps the ".part" for a later resume.
@@ -53,7 +53,8 @@ private:
     void onFinished();
     bool acceptHeaders();
     void restartFromZero();
-    void saveValidator(const QByteArray &validator);
+    void saveMeta();
+    QString currentUrl() const;
     void failAttempt(const Transfer::Verdict &verdict);
     void complete();
     void verified(const QString &sha256);
@@ -73,13 +74,14 @@ private:
     AttemptPlan m_plan;
     ProgressThrottle m_throttle;
 
-    QFile m_part;
+    QFile m_part; // opened from m_partPath without a name
     QLockFile m_lock;
     std::unique_ptr<StreamHasher> m_hasher;
     bool m_holding = false; // reading paused until the hasher has room
     bool m_finished = false;
     qint64 m_written = 0;
     QByteArray m_validator;
+    QString m_source; // the URL every byte of the part came from; empty when several or unknown
     QPointer<QNetworkReply> m_reply;
     bool m_rangeRequested = false;
     bool m_headersChecked = false;

@@ -3,10 +3,10 @@
 
 #include "archivecreator_p.h"
 #include "archiveextractor_p.h"
+#include "plainfile_p.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
-#include <QtCore/QSaveFile>
 
 namespace Vindal {
 
@@ -30,9 +30,9 @@ Outcome Package::writeVerifyFile(const QString &packageFile)
     if (md5.isEmpty())
         return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
     const QString path = verifyFileOf(packageFile);
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(md5.toLatin1()) != md5.size() || !file.commit())
-        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(path, file.errorString()), path);
+    QString error;
+    if (!PlainFile::write(path, md5.toLatin1(), &error))
+        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(path, error), path);
     return Outcome::success(md5);
 }
 

@@ -195,16 +195,22 @@ int PackageIndex::compareVersions(const QString &a, const QString &b)
     return 0;
 }
 
+// Patterns match the whole string: "$" alone would also match before a
+// final line break.
 bool PackageIndex::isValidVersion(const QString &version)
 {
-    static const QRegularExpression pattern(QStringLiteral("^[A-Za-z0-9][A-Za-z0-9._+-]{0,63}$"));
+    static const QRegularExpression pattern(QRegularExpression::anchoredPattern(QStringLiteral("[A-Za-z0-9][A-Za-z0-9._+-]{0,63}")));
     return pattern.match(version).hasMatch();
 }
 
 bool PackageIndex::isPlainFileName(const QString &name)
 {
-    static const QRegularExpression pattern(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9._+-]{0,199}$"));
-    return pattern.match(name).hasMatch();
+    static const QRegularExpression pattern(QRegularExpression::anchoredPattern(QStringLiteral("[A-Za-z0-9_][A-Za-z0-9._+-]{0,199}")));
+    // Windows drops a trailing dot, and a device name (with any extension)
+    // names no file there: either would name another file on its disks.
+    static const QRegularExpression device(QRegularExpression::anchoredPattern(QStringLiteral("(con|prn|aux|nul|com[1-9]|lpt[1-9])(\\..*)?")),
+                                           QRegularExpression::CaseInsensitiveOption);
+    return pattern.match(name).hasMatch() && !name.endsWith(QLatin1Char('.')) && !device.match(name).hasMatch();
 }
 
 } // namespace Vindal

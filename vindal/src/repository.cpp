@@ -104,16 +104,17 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
     if (!PackageIndex::isValidVersion(version))
         return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid version").arg(version), version);
     const QString fileName = QFileInfo(packageFile).fileName();
-    if (!PackageIndex::isPlainFileName(fileName)) {
-        return Outcome::failure(Error::ConfigError,
-                                QStringLiteral("the package's file name \"%1\" must consist of letters, digits, \".\", \"_\", \"+\" and \"-\"")
-                                    .arg(fileName),
-                                packageFile);
-    }
     if (RepositoryLayout::isReservedFileName(fileName)) {
         return Outcome::failure(Error::ConfigError,
                                 QStringLiteral("the package's file name \"%1\" is taken by the repository layout "
                                                "(index.json, index.json.sig, *.part, *.part.json, *.verify); rename the package")
+                                    .arg(fileName),
+                                packageFile);
+    }
+    if (!PackageIndex::isPlainFileName(fileName)) {
+        return Outcome::failure(Error::ConfigError,
+                                QStringLiteral("the package's file name \"%1\" must consist of letters, digits, \".\", \"_\", \"+\" and \"-\", "
+                                               "not end in \".\" and not be a Windows device name")
                                     .arg(fileName),
                                 packageFile);
     }
@@ -267,8 +268,9 @@ Outcome Repository::keygen(const QString &name)
 
 bool Repository::isValidModuleName(const QString &name)
 {
-    static const QRegularExpression plain(QStringLiteral("^[A-Za-z0-9_][A-Za-z0-9._-]{0,127}$"));
-    return plain.match(name).hasMatch();
+    // A folder of the repository: a plain file name, of fewer characters.
+    static const QRegularExpression plain(QRegularExpression::anchoredPattern(QStringLiteral("[A-Za-z0-9_][A-Za-z0-9._-]{0,127}")));
+    return plain.match(name).hasMatch() && PackageIndex::isPlainFileName(name);
 }
 
 } // namespace Vindal

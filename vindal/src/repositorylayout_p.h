@@ -27,11 +27,14 @@ inline QString signature(PackageIndex::Kind kind, const QString &module)
 }
 
 // Names no package file may take: the files of the layout beside it, and
-// the companions a client writes beside a downloaded package. Compared
-// without case, as Windows and macOS disks do.
+// the companions a client writes beside a downloaded package. Compared as
+// Windows compares names: without case, and without the trailing dots and
+// spaces it drops ("Index.JSON." is the index there).
 inline bool isReservedFileName(const QString &name)
 {
-    const QString lower = name.toLower();
+    QString lower = name.toLower();
+    while (lower.endsWith(QLatin1Char('.')) || lower.endsWith(QLatin1Char(' ')))
+        lower.chop(1);
     return lower == QLatin1String("index.json") || lower == QLatin1String("index.json.sig")
         || lower.endsWith(QLatin1String(".part")) || lower.endsWith(QLatin1String(".part.json"))
         || lower.endsWith(QLatin1String(".verify"));

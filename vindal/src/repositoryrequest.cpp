@@ -4,12 +4,12 @@
 #include "indexcache_p.h"
 #include "indexfetcher_p.h"
 #include "logging_p.h"
+#include "plainfile_p.h"
 #include "reply_p.h"
 #include "repositorylayout_p.h"
 #include "statestore_p.h"
 
 #include <QtCore/QDir>
-#include <QtCore/QSaveFile>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -201,11 +201,10 @@ void RepositoryRequest::downloaded(const Outcome &outcome, const QVariantMap &in
     if (m_target.writeVerifyFile) {
         // The digest was just checked against the index; no need to read
         // the file once more.
-        QSaveFile verify(path + QLatin1String(".verify"));
-        const QByteArray md5 = info.value(QStringLiteral("md5Value")).toString().toLatin1();
-        if (!verify.open(QIODevice::WriteOnly) || verify.write(md5) != md5.size() || !verify.commit())
-            return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(verify.fileName(), verify.errorString()),
-                                           verify.fileName()));
+        const QString verify = path + QLatin1String(".verify");
+        QString error;
+        if (!PlainFile::write(verify, info.value(QStringLiteral("md5Value")).toString().toLatin1(), &error))
+            return finish(Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(verify, error), verify));
     }
     if (m_target.kind == PackageIndex::Module) {
         const Outcome raised = StateStore::raise(m_config.identity(), m_target.name, info.value(QStringLiteral("version")).toString());

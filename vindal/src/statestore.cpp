@@ -8,6 +8,7 @@
 #include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+#include <QtCore/QLockFile>
 #include <QtCore/QMutex>
 #include <QtCore/QMutexLocker>
 #include <QtCore/QSaveFile>
@@ -18,6 +19,8 @@ namespace Vindal {
 namespace {
 
 QMutex s_mutex; // several managers of one process share the file
+// How long a change waits for another process's; each takes milliseconds.
+const int LockWaitMs = 30000;
 
 // { "marks": { "<repository identity>": { "<module>": "<version>" } } }.
 // Other keys (marks of earlier versions, keyed by module alone) are kept
@@ -93,6 +96,17 @@ Outcome StateStore::highWater(const QString &repository, const QString &module, 
 Outcome StateStore::raise(const QString &repository, const QString &module, const QString &version)
 {
     QMutexLocker lock(&s_mutex);
+    // Other processes raise marks too: reading, changing and writing the
+    // file is one step for all of them, or one's mark overwrites another's.
+    const QString file = path();
+    QDir().mkpath(QFileInfo(file).absolutePath());
+    QLockFile processLock(file + QLatin1String(".lock"));
+    processLock.setStaleLockTime(0); // only a lock whose process is gone is stale
+    if (!processLock.tryLock(LockWaitMs)) {
+        return damaged(file, processLock.error() == QLockFile::LockFailedError
+                                 ? QStringLiteral("stayed locked by another process for %1 s").arg(LockWaitMs / 1000)
+                                 : QStringLiteral("cannot be locked (\"%1.lock\" cannot be created)").arg(file));
+    }
     QJsonObject root;
     const Outcome loaded = load(&root);
     if (!loaded)
@@ -106,8 +120,6 @@ Outcome StateStore::raise(const QString &repository, const QString &module, cons
     marks.insert(repository, modules);
     root.insert(MarksKey, marks);
 
-    const QString file = path();
-    QDir().mkpath(QFileInfo(file).absolutePath());
     QSaveFile save(file);
     if (!save.open(QIODevice::WriteOnly) || save.write(QJsonDocument(root).toJson()) < 0 || !save.commit())
         return damaged(file, QStringLiteral("cannot be written (%1), so the mark of %2 %3 would be lost").arg(save.errorString(), module, version));

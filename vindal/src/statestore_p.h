@@ -22,7 +22,8 @@ public:
     // The mark of module in the repository of that identity; empty when
     // there is none.
     static Outcome highWater(const QString &repository, const QString &module, QString *version);
-    // Raises the mark to version when that is higher.
+    // Raises the mark to version when that is higher, holding the lock file
+    // "<state file>.lock" that every process using the file respects.
     static Outcome raise(const QString &repository, const QString &module, const QString &version);
 };
 

@@ -47,6 +47,12 @@ public:
     // Records the current attempt's failure; a failure that is not
     // retryable drops the base from later rounds.
     void fail(const Transfer::Verdict &verdict);
+    // Makes the next attempt one more at the current base.
+    void repeat()
+    {
+        if (m_current >= 0)
+            --m_attempt;
+    }
     // The delay before the next attempt, in milliseconds.
     int delayMs() const;
     // The outcome to report when no attempt is left: the last failure's.
