@@ -278,7 +278,7 @@ void ManagerPrivate::onRetryTimeout()
     qCWarning(lcCorbeth) << "retry" << m_retryCount << QMetaEnum::fromType<Operation>().valueToKey(m_operation);
     const QString path = m_installer->installPath();
     if (m_operation == O_OfflineDownload)
-        startDownload(m_downloadFolder);
+        startDownload(path);
     else if (m_operation == O_OnlineInstall)
         startOnlineInstall(path);
 }

@@ -190,8 +190,6 @@ private:
     // service's thread deleted by itself could vanish while being aborted here.
     QList<Vindal::Reply *> m_heldReplies;
     QFutureWatcher<JobResult> m_prepareJob;
-    // The folder an offline download goes to; retries use it again.
-    QString m_downloadFolder;
     // Depth of calls that wait in a nested loop (the module service, the
     // engine's update and patch) on this thread.
     int m_nestedWaits = 0;

@@ -200,8 +200,7 @@ bool ManagerPrivate::startOnlineInstall(const QString &path)
 bool ManagerPrivate::reqDownloadPackage()
 {
     Vindal::Reply *reply = nullptr;
-    const QString path = m_operation == O_OfflineDownload ? m_downloadFolder : m_installer->installPath();
-    const CBEnum::ErrorCode code = reqDownloadOfflineModule(path, reply);
+    const CBEnum::ErrorCode code = reqDownloadOfflineModule(m_installer->installPath(), reply);
     if (code != CBEnum::EC_NoError) {
         qCCritical(lcCorbeth) << "error " << Q_FUNC_INFO << codeName(code);
         m_taskActive = false;
@@ -567,8 +566,9 @@ void ManagerPrivate::startDownload(const QString &path)
         fail(CBEnum::EC_SoftwarePathError);
         return;
     }
-    // The package goes into path itself; the install path stays as it is.
-    m_downloadFolder = path;
+    // The package goes into path itself, which becomes the engine's path: a
+    // retry downloads again into the engine's path.
+    m_installer->setInstallPath(path);
     setOperation(O_OfflineDownload);
     reqDownloadPackage();
 }
@@ -596,6 +596,8 @@ void ManagerPrivate::uncompressPackage(const QString &package, const QString &fo
         fail(CBEnum::EC_FileNotOpen);
         return;
     }
+    // The product lives where it is unpacked: the update that follows runs there.
+    m_installer->setInstallPath(folder);
     startUnpack(package, folder);
 }
 

@@ -236,6 +236,7 @@ private slots:
         QVERIFY2(client.waitFor("finished"_s), qPrintable(client.events.join(QLatin1Char(','))));
         QVERIFY(client.events.contains("downloadPackageFinished"_s));
         QCOMPARE(client.progressFault(), QString());
+        QCOMPARE(client.manager.installPath(), path("online/download"_s)); // where a retry downloads again
         QString found;
         QVERIFY(client.manager.searchOfflinePackage(path("online/download"_s), found, QString()));
         QVERIFY(QFile::exists(found + ".verify"_s));

@@ -76,6 +76,9 @@ void SetupTask::run()
     case Update:
         if (m_package.isEmpty()) {
             m_downloadDir = std::make_unique<QTemporaryDir>();
+            // The download makes its folder the engine's path; the update goes
+            // back to the product's folder once it has the package.
+            m_productPath = m_manager->installPath();
             enter(Download);
             m_manager->downloadPackage(m_downloadDir->path());
         } else {
@@ -190,6 +193,7 @@ void SetupTask::onFinished()
             finish(error == CBEnum::EC_NoError ? CBEnum::EC_FileNotOpen : error);
             return;
         }
+        m_manager->setInstallPath(m_productPath);
         unpackUpdate(found);
         break;
     }

@@ -70,6 +70,7 @@ private:
     Phase m_phase = None;
     Kind m_kind = Install;
     QString m_path;
+    QString m_productPath; // the engine's path while an update downloads elsewhere
     QString m_package;
     QString m_uninstallFlow = QStringLiteral("uninstall");
     std::unique_ptr<QTemporaryDir> m_downloadDir;
