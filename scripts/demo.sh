@@ -24,9 +24,9 @@ scripts/deps.sh >/dev/null
 build=${CORBETH_BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja >/dev/null
 cmake --build "$build" --target corbeth-cli corbeth-pack corbeth-cleanup >/dev/null
-corbeth=$PWD/$build/tools/corbeth/corbeth
-pack=$PWD/$build/tools/corbeth-pack/corbeth-pack
-cleanup_tool=$PWD/$build/tools/corbeth-cleanup/corbeth-cleanup
+corbeth=$PWD/$build/bin/corbeth
+pack=$PWD/$build/bin/corbeth-pack
+cleanup_tool=$PWD/$build/bin/corbeth-cleanup
 
 # The work folder, and nginx with --serve, go when the script ends.
 # shellcheck source=../bench/serve.sh

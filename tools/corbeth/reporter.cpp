@@ -202,6 +202,17 @@ void Reporter::info(const QString &text, const QJsonObject &data)
     std::fflush(stdout);
 }
 
+void Reporter::warning(const QString &text)
+{
+    if (m_mode == Json) {
+        emitJson({{QStringLiteral("event"), QStringLiteral("warning")}, {QStringLiteral("text"), text}});
+        return;
+    }
+    endBar();
+    std::fprintf(stderr, "corbeth: warning: %s\n", qPrintable(text));
+    std::fflush(stderr);
+}
+
 void Reporter::summary(const QString &command, int exitCode, const QString &outcome)
 {
     if (m_mode == Json) {
