@@ -98,7 +98,9 @@ class tst_CorbethCli : public QObject
     Run corbeth(const QStringList &arguments)
     {
         QProcess process;
-        process.start(QStringLiteral(CORBETH_CLI), arguments);
+        // A first argument that is a path runs that copy of the tool.
+        const bool copy = arguments.value(0).startsWith(QLatin1Char('/'));
+        process.start(copy ? arguments.first() : QStringLiteral(CORBETH_CLI), arguments.mid(copy ? 1 : 0));
         if (!process.waitForFinished(120000)) {
             process.kill();
             process.waitForFinished();
@@ -200,8 +202,14 @@ private slots:
         QTest::addColumn<QString>("said");
         const QString inst = path("failed"_s);
         const QString config = configure("failures"_s, false);
-        const QString unreachable = configure("unreachable"_s, false, QUrl::fromLocalFile(path("nowhere"_s)).toString());
-        QVERIFY(writeFile(path("malformed.json"_s), "{ \"install\": "));
+        const QString unreachable = configure("unreachable"_s, false, "http://127.0.0.1:1/"_s);
+        QVERIFY(writeFile(path("malformed.json"_s), "{\n \"install\": "));
+        QVERIFY(writeFile(path("empty.json"_s), "{}"));
+        QVERIFY(writeFile(path("types.json"_s), readFile(config).replace("\"links\": [", "\"links\": \"abc\", \"x\": [")));
+        QVERIFY(PackTool::ok({"keygen"_s, path("key"_s)}));
+        QVERIFY(writeFile(path("signed.json"_s), readFile(config).replace("\"retries\"", "\"publicKey\": \"" + readFile(path("key.pub"_s)).trimmed() + "\", \"retries\"")));
+        QVERIFY(writeFile(path("nomodule.json"_s), readFile(config).replace("\"demo\"}", "\"nosuch\"}")));
+        QVERIFY(QDir().mkpath(path("alone"_s)) && (QFile::exists(path("alone/corbeth"_s)) || QFile::copy(QStringLiteral(CORBETH_CLI), path("alone/corbeth"_s))));
         QVERIFY(writeFile(path("norepository.json"_s), "{ \"install\": {} }"));
         QVERIFY(QDir().mkpath(path("tampered"_s)));
         QVERIFY(QFile::exists(path("tampered/demo.tolmpkg"_s)) || QFile::copy(m_package, path("tampered/demo.tolmpkg"_s)));
@@ -210,16 +218,33 @@ private slots:
         QTest::newRow("unknown command") << QStringList{"instal"_s} << 2 << "instal"_s;
         QTest::newRow("no configuration given") << QStringList{"install"_s, "--path"_s, inst} << 2 << "--config"_s;
         QTest::newRow("missing configuration")
-            << QStringList{"install"_s, "--config"_s, path("none.json"_s), "--path"_s, inst} << 15 << "EC_FileNotOpen"_s;
+            << QStringList{"install"_s, "--config"_s, path("none.json"_s), "--path"_s, inst} << 15 << "no configuration file"_s;
+        QTest::newRow("configuration is a folder")
+            << QStringList{"install"_s, "--config"_s, path("alone"_s), "--path"_s, inst} << 27 << "cannot be read"_s;
         QTest::newRow("malformed configuration")
-            << QStringList{"install"_s, "--config"_s, path("malformed.json"_s), "--path"_s, inst} << 15 << "malformed.json"_s;
+            << QStringList{"install"_s, "--config"_s, path("malformed.json"_s), "--path"_s, inst} << 20 << "at line 2, column 13"_s;
+        QTest::newRow("empty configuration")
+            << QStringList{"install"_s, "--config"_s, path("empty.json"_s), "--path"_s, inst} << 20 << "holds no settings"_s;
+        QTest::newRow("values of the wrong type, cleanup tool missing")
+            << QStringList{path("alone/corbeth"_s), "uninstall"_s, "--config"_s, path("types.json"_s), "--path"_s, m_work.path()}
+            << 26 << "corbeth-cleanup is in none of "_s + path("alone"_s);
+        QTest::newRow("patch without updatePatch")
+            << QStringList{"patch"_s, "--config"_s, path("empty.json"_s).replace("empty"_s, "norepository"_s), "--path"_s, inst}
+            << 20 << "no \"updatePatch\""_s;
+        QTest::newRow("unsigned index, key configured")
+            << QStringList{"install"_s, "--config"_s, path("signed.json"_s), "--path"_s, inst} << 23 << "is not signed"_s;
+        QTest::newRow("unknown module")
+            << QStringList{"install"_s, "--config"_s, path("nomodule.json"_s), "--path"_s, inst} << 22 << "nosuch/index.json does not exist"_s;
+        QTest::newRow("install folder cannot be made")
+            << QStringList{"install"_s, "--config"_s, config, "--path"_s, config + "/inst"_s, "--package"_s, m_package}
+            << 25 << "the target folder cannot be created"_s;
         QTest::newRow("no repository in it")
             << QStringList{"install"_s, "--config"_s, path("norepository.json"_s), "--path"_s, inst} << 20 << "EC_ConfigDataError"_s;
         QTest::newRow("unknown addition")
-            << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--addition"_s, "nosuch"_s} << 2 << "nosuch"_s;
+            << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--addition"_s, "nosuch"_s} << 2 << "(known: samples)"_s;
         QTest::newRow("unreachable repository")
             << QStringList{"install"_s, "--config"_s, unreachable, "--path"_s, inst, "--retry-rounds"_s, "1"_s}
-            << 11 << "EC_UnknownNetworkError"_s;
+            << 11 << "Connection refused"_s;
         QTest::newRow("tampered package")
             << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--package"_s, path("tampered/demo.tolmpkg"_s)}
             << 19 << "EC_VerifyFailed"_s;
@@ -236,9 +261,11 @@ private slots:
         QFETCH(QString, said);
         const Run plain = corbeth(arguments);
         QCOMPARE(plain.exitCode, exitCode);
-        QCOMPARE(plain.err.trimmed().count(QLatin1Char('\n')), 0);
+        // One line, after a warning for each value the engine skipped.
+        QCOMPARE(plain.err.trimmed().count(QLatin1Char('\n')), plain.err.count("warning: the configuration's value \""_s));
+        QCOMPARE(plain.err.count("\"links\" was skipped"_s), int(arguments.contains(path("types.json"_s))));
         QVERIFY2(plain.err.contains(said), qPrintable(plain.err));
-        QVERIFY(plain.err.startsWith("corbeth: "_s));
+        QVERIFY(plain.err.startsWith("corbeth: "_s) && !plain.err.contains("cannot download"_s));
         // Not on a terminal: no control characters for a log to hold.
         QVERIFY(!plain.err.contains(QLatin1Char('\r')) && !plain.err.contains(QLatin1Char('\033')));
 
