@@ -1,7 +1,9 @@
 // The installer window as a user meets it: real pages, keys and clicks, a real
 // engine installing a real package from a file:// repository (or the fault
 // server), and the machine's state checked after each run.
+#include "failurecause.h"
 #include "productinfo.h"
+#include "setuptask.h"
 #include "setupwindow.h"
 #include "singleinstance.h"
 
@@ -130,14 +132,18 @@ class tst_SetupWindow : public QObject
     QTemporaryDir m_work;
     QString m_package;
     QString m_repository;
+    QString m_publicKey;
     QString m_pictures = QStringLiteral(SETUP_PICTURES_DIR);
 
     QString path(const QString &relative) const { return m_work.filePath(relative); }
 
-    QString configFile(const QString &repository)
+    QString configFile(const QString &repository, bool signedOnly = false)
     {
-        const QString file = path("config-%1.json"_s).arg(qHash(repository));
-        writeFile(file, QString::fromUtf8(kProduct).arg(repository, m_work.path()).toUtf8());
+        const QString file = path("config-%1-%2.json"_s).arg(qHash(repository)).arg(signedOnly);
+        QString text = QString::fromUtf8(kProduct).arg(repository, m_work.path());
+        if (signedOnly)
+            text.replace("\"retries\""_s, "\"publicKey\": \"%1\", \"retries\""_s.arg(m_publicKey));
+        writeFile(file, text.toUtf8());
         return file;
     }
 
@@ -213,6 +219,29 @@ private slots:
         QVERIFY(PackTool::ok({"publish"_s, m_package, "--repo"_s, path("repo"_s), "--module"_s, "demo"_s,
                               "--version"_s, "1.0.0"_s}));
         m_repository = QUrl::fromLocalFile(path("repo"_s)).toString() + QLatin1Char('/');
+        QVERIFY(PackTool::ok({"keygen"_s, path("key"_s)}));
+        m_publicKey = QString::fromLatin1(readFile(path("key.pub"_s)).trimmed());
+        // As corbeth-setup does; here after the test's own log handler.
+        FailureCause::listen(true);
+    }
+
+    // A repository that can never be trusted: the retries end, and the error
+    // page says why.
+    void untrustedRepositoryShowsItsCause()
+    {
+        SettingsSandbox store;
+        Manager manager;
+        QCOMPARE(manager.setConfigPath(configFile(m_repository, true)), CBEnum::EC_NoError);
+        SetupTask::boundRetries(manager, 1);
+        QCOMPARE(manager.initRemote(), CBEnum::EC_NoError);
+        SetupWindow window(&manager, ProductInfo::fromConfig(manager.configData()), SetupOptions(), QString());
+        window.show();
+        QVERIFY(activate(window));
+        walkToInstall(window, path("untrusted/Demo"_s), false);
+        QVERIFY(waitForPage(window, "errorPage"_s));
+        QVERIFY2(window.findChild<QLabel *>("errorText"_s)->text().contains("is not signed"_s),
+                 qPrintable(window.findChild<QLabel *>("errorText"_s)->text()));
+        picture(window, "10-untrusted"_s);
     }
 
     // Every page of an install from the repository, then the uninstall, with
@@ -344,13 +373,18 @@ private slots:
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QString>("installed"); // a file the run leaves, or empty
+        // A file the run leaves when it succeeds; what its one line says when it fails.
+        QTest::addColumn<QString>("expected");
         QTest::newRow("install") << QStringList{"--addition"_s, "samples"_s} << 0 << "sample.txt"_s;
         QTest::newRow("offline from a folder") << QStringList{"--from"_s, "%media"_s} << 0 << "bin/demo"_s;
-        QTest::newRow("unknown addition") << QStringList{"--addition"_s, "nothing"_s} << 2 << QString();
-        QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << QString();
-        QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << QString();
-        QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << QString();
+        QTest::newRow("unknown addition") << QStringList{"--addition"_s, "nothing"_s} << 2 << "(known: samples)"_s;
+        QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << "colour"_s;
+        QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << "EC_VerifyFailed"_s;
+        QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << "no configuration file"_s;
+        QTest::newRow("malformed configuration") << QStringList{"--config"_s, "%work/bad.json"_s} << 20 << "line 1, column 4"_s;
+        QTest::newRow("index not signed") << QStringList{"--config"_s, "%signed"_s} << 23 << "is not signed"_s;
+        QTest::newRow("install folder cannot be made") << QStringList{"--from"_s, "%media"_s, "--path"_s, "%work/bad.json/inst"_s}
+                                                       << 25 << "the target folder cannot be created"_s;
         QTest::newRow("help") << QStringList{"--help"_s} << 0 << QString();
         QTest::newRow("version") << QStringList{"--version"_s} << 0 << QString();
     }
@@ -359,13 +393,15 @@ private slots:
     {
         QFETCH(QStringList, arguments);
         QFETCH(int, exitCode);
-        QFETCH(QString, installed);
+        QFETCH(QString, expected);
         SettingsSandbox store;
         QTemporaryDir run;
         QVERIFY(QDir().mkpath(run.filePath("media"_s)) && QDir().mkpath(run.filePath("tampered"_s)));
         QVERIFY(QFile::copy(m_package, run.filePath("media/demo.tolmpkg"_s)));
         QVERIFY(QFile::copy(m_package, run.filePath("tampered/demo.tolmpkg"_s)));
         QVERIFY(writeFile(run.filePath("tampered/demo.tolmpkg.verify"_s), QByteArray(32, '0')));
+        QVERIFY(writeFile(run.filePath("bad.json"_s), "{ ,}"));
+        arguments.replaceInStrings("%signed"_s, configFile(m_repository, true));
         arguments.replaceInStrings("%media"_s, run.filePath("media"_s));
         arguments.replaceInStrings("%tampered"_s, run.filePath("tampered"_s));
         arguments.replaceInStrings("%work"_s, run.path());
@@ -383,9 +419,9 @@ private slots:
         const QString err = QString::fromLocal8Bit(setup.readAllStandardError());
         QVERIFY2(setup.exitCode() == exitCode, qPrintable("%1: %2"_s.arg(setup.exitCode()).arg(err)));
         if (exitCode != 0)
-            QCOMPARE(err.count(QLatin1Char('\n')), 1);
-        if (!installed.isEmpty())
-            QVERIFY(QFileInfo::exists(run.filePath("inst/"_s + installed)));
+            QVERIFY2(err.count(QLatin1Char('\n')) == 1 && err.contains(expected), qPrintable(err));
+        if (exitCode == 0 && !expected.isEmpty())
+            QVERIFY(QFileInfo::exists(run.filePath("inst/"_s + expected)));
         else
             QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
     }

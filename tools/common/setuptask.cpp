@@ -1,5 +1,7 @@
 #include "setuptask.h"
 
+#include "failurecause.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QTimer>
 
@@ -52,6 +54,7 @@ void SetupTask::start(Kind kind, const QString &path, const QString &package)
     m_state = Running;
     m_phase = None;
     m_shown = 0;
+    FailureCause::reset();
     emit progress(0);
     QTimer::singleShot(0, this, &SetupTask::run);
 }

@@ -1,5 +1,7 @@
 #include "setupwindow.h"
 
+#include "failurecause.h"
+
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
@@ -563,7 +565,8 @@ void SetupWindow::startTask()
 void SetupWindow::showFailure(CBEnum::ErrorCode code)
 {
     m_lastError = code;
-    m_errorText->setText(sentenceFor(code));
+    const QString cause = FailureCause::text();
+    m_errorText->setText(cause.isEmpty() ? sentenceFor(code) : tr("Setup could not finish: %1").arg(cause));
     m_errorKey->setText(tr("Error code: %1 (0x%2)").arg(keyName(code)).arg(quint32(code), 0, 16));
     showPage(m_errorPage);
 }
