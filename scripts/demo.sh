@@ -42,7 +42,7 @@ export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/ho
 export XDG_CACHE_HOME=$work/home/.cache
 mkdir -p "$HOME/Desktop" "$CORBETH_SETTINGS_ROOT"
 inst=$HOME/CorbethDemo
-link=$HOME/Desktop/Corbeth\ Demo.lnk
+link=$HOME/Desktop/Corbeth\ Demo.desktop
 entry="SOFTWARE/Microsoft/Windows/CurrentVersion/Uninstall/CorbethDemo"
 
 step() { echo; echo "== $*"; }
@@ -82,7 +82,7 @@ step "corbeth install"
 "$corbeth" install --config "$work/corbeth.json" --path "$inst"
 check "the program runs: $("$inst/bin/corbeth-demo")" '[[ $("$inst/bin/corbeth-demo") == "Corbeth demo 1.0.0" ]]'
 check "files in $inst" '[[ -f $inst/share/README.txt && -f $inst/share/payload.bin ]]'
-check "shortcut ~/Desktop/Corbeth Demo.lnk -> bin/corbeth-demo" '[[ $(readlink "$link") == "$inst/bin/corbeth-demo" ]]'
+check "launcher ~/Desktop/Corbeth Demo.desktop runs bin/corbeth-demo" 'grep -qxF "Exec=\"$inst/bin/corbeth-demo\"" "$link"'
 check "settings HKCU/SOFTWARE/Corbeth/Demo installPath" '[[ $(setting HKEY_CURRENT_USER SOFTWARE/Corbeth/Demo installPath) == "$inst" ]]'
 check "uninstall entry: $(setting HKEY_LOCAL_MACHINE "$entry" DisplayName) $(setting HKEY_LOCAL_MACHINE "$entry" DisplayVersion)" \
     '[[ $(setting HKEY_LOCAL_MACHINE "$entry" DisplayName) == "Corbeth Demo" ]]'

@@ -27,7 +27,7 @@ const char kConfig[] = R"({
   "downloadModuleInfo": {"module": "demo"},
   "download": {"retryInterval": 1},
   "install": {
-    "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk"}],
+    "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk", "icon": "${installPath}/demo.png"}],
     "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}"}},
     "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest", "key": "installPath"}}
   },
@@ -169,7 +169,8 @@ private slots:
 
         QVERIFY(step({"install"_s, "--path"_s, inst, "--addition"_s, "samples"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
-        QCOMPARE(QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget(), inst + "/bin/demo"_s);
+        QVERIFY(readFile(path("links/Demo.desktop"_s)).contains("Exec=\"" + QString(inst + "/bin/demo"_s).toUtf8() + '"'));
+        QVERIFY(readFile(path("links/Demo.desktop"_s)).contains("\nIcon=" + QString(inst + "/demo.png"_s).toUtf8()));
         QCOMPARE(QSettings(recorded.fileName(), QSettings::IniFormat).value("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), inst);
         QVERIFY(!QFile::exists(inst + "/arvenorDownloadCache"_s));
 
@@ -191,7 +192,7 @@ private slots:
         QCOMPARE(offline.filter(".verify"_s).size(), 1);
         QVERIFY(step({"uninstall"_s}));
         QVERIFY(!QFile::exists(inst));
-        QVERIFY(!QFileInfo(path("links/Demo.lnk"_s)).isSymLink());
+        QVERIFY(!QFile::exists(path("links/Demo.desktop"_s)));
         QVERIFY(!QSettings(recorded.fileName(), QSettings::IniFormat).contains("SOFTWARE/Corbeth/CliTest/installPath"_s));
     }
 
