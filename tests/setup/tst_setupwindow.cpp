@@ -276,7 +276,7 @@ private slots:
             QCOMPARE(values.last(), 1000);
             QVERIFY(grabbed);
 
-            QTest::mouseClick(window.findChild<QCheckBox *>("launchProgram"_s), Qt::LeftButton);
+            QVERIFY(!window.findChild<QCheckBox *>("launchProgram"_s)->isChecked());
             pressReturn(window);
             QVERIFY(!window.isVisible());
             QCOMPARE(window.result(), int(QDialog::Accepted));
@@ -299,6 +299,7 @@ private slots:
         QCOMPARE(window.installFolder(), folder);
         picture(window, "7-uninstall"_s);
         QCOMPARE(window.findChild<QPushButton *>("nextButton"_s)->text(), "&Uninstall"_s);
+        QVERIFY(window.findChild<QWidget *>("confirmPage"_s)->findChild<QLabel *>()->text().contains("Click Uninstall"_s));
         pressReturn(window);
         QVERIFY(waitForPage(window, "finishPage"_s));
         picture(window, "8-uninstalled"_s);

@@ -3,6 +3,8 @@
 #include "failurecause.h"
 
 #include <QtCore/QDir>
+#include <QtCore/QDirIterator>
+#include <QtCore/QFileInfo>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -141,10 +143,14 @@ void SetupTask::onProgress(double percent)
         const double fraction = std::min(1.0, percent / (m_phase == OnlineInstall ? 50.0 : 100.0));
         const qint64 total = std::max<qint64>(0, m_manager->packageSize());
         const qint64 received = qint64(fraction * double(total));
-        if (!m_transferClock.isValid())
+        // A resumed download starts with what an earlier run received: the
+        // rate counts only what arrives from now on.
+        if (!m_transferClock.isValid()) {
             m_transferClock.start();
+            m_transferBase = received;
+        }
         const double seconds = m_transferClock.elapsed() / 1000.0;
-        emit transfer(received, total, seconds > 0.2 ? double(received) / seconds : 0.0);
+        emit transfer(received, total, seconds > 0.2 ? double(received - m_transferBase) / seconds : 0.0);
     }
 }
 
@@ -225,6 +231,12 @@ void SetupTask::finish(CBEnum::ErrorCode code)
     if (was == Cancelling) {
         emit cancelled();
     } else if (code != CBEnum::EC_NoError) {
+        // The download cache stays for a retry to resume from, unless there is
+        // nothing in it to resume.
+        const QString cache = QDir(m_path).filePath(QStringLiteral("arvenorDownloadCache"));
+        if (m_kind == Install && !m_path.isEmpty() && QFileInfo(cache).isDir()
+            && !QDirIterator(cache, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories).hasNext())
+            m_manager->removeUpdateDir();
         emit failed(code);
     } else {
         if (m_shown < 100)

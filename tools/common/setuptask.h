@@ -76,6 +76,7 @@ private:
     uint m_status = CBEnum::TS_Freeing;
     double m_shown = 0;
     QElapsedTimer m_transferClock;
+    qint64 m_transferBase = 0;
 };
 
 } // namespace Corbeth

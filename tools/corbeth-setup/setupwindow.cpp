@@ -241,7 +241,12 @@ void SetupWindow::buildWelcome()
         text = tr("This will remove %1 from %2.").arg(name, QDir::toNativeSeparators(installFolder()));
         break;
     }
-    text += QStringLiteral("\n\n") + tr("Click Next to continue, or Cancel to leave setup.");
+    // The welcome page of an update or uninstall is the last before the work:
+    // its button says what it starts.
+    text += QStringLiteral("\n\n")
+        + (m_options.mode == SetupOptions::Uninstall ? tr("Click Uninstall to remove it, or Cancel to leave setup.")
+           : m_options.mode == SetupOptions::Update  ? tr("Click Update to continue, or Cancel to leave setup.")
+                                                     : tr("Click Next to continue, or Cancel to leave setup."));
     m_welcome->layout()->addWidget(wrapped(text, m_welcome));
     static_cast<QVBoxLayout *>(m_welcome->layout())->addStretch(1);
     m_flow << m_welcome;
@@ -322,8 +327,9 @@ void SetupWindow::buildComponents()
 
 void SetupWindow::buildProgress()
 {
-    m_progressPage = addPage(QStringLiteral("progressPage"),
-                             m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling") : tr("Installing"));
+    m_progressPage = addPage(QStringLiteral("progressPage"), m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling")
+                                                             : m_options.mode == SetupOptions::Update ? tr("Updating")
+                                                                                                      : tr("Installing"));
     auto *layout = static_cast<QVBoxLayout *>(m_progressPage->layout());
     m_stage = wrapped(tr("Preparing\u2026"), m_progressPage);
     m_stage->setObjectName(QStringLiteral("stageLabel"));
@@ -353,7 +359,6 @@ void SetupWindow::buildFinish()
         if (!m_product.program.isEmpty()) {
             m_launch = new QCheckBox(tr("&Start %1").arg(m_product.name), m_finishPage);
             m_launch->setObjectName(QStringLiteral("launchProgram"));
-            m_launch->setChecked(true);
             layout->addWidget(m_launch);
         }
     }
@@ -392,7 +397,11 @@ void SetupWindow::showPage(QWidget *page)
 {
     m_pages->setCurrentWidget(page);
     m_title->setText(page->property("pageTitle").toString());
-    const QString version = m_product.version.isEmpty() ? QString() : QStringLiteral(" ") + m_product.version;
+    // An update installs whatever the repository has now, not the version the
+    // configuration was written for: the header names none then.
+    const QString version = m_product.version.isEmpty() || m_options.mode == SetupOptions::Update
+        ? QString()
+        : QStringLiteral(" ") + m_product.version;
     const QString publisher = m_product.publisher.isEmpty() ? QString() : tr(" by %1").arg(m_product.publisher);
     m_subtitle->setText(m_product.name + version + publisher);
     if (page == m_finishPage) {

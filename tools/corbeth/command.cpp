@@ -306,10 +306,14 @@ void Command::onProgress(double percent)
     if (m_phase == Download && m_manager.taskStatus() == CBEnum::TS_Downloading) {
         const qint64 total = std::max<qint64>(0, m_manager.packageSize());
         const qint64 received = qint64(std::clamp(percent, 0.0, 100.0) / 100.0 * double(total));
-        if (!m_transferClock.isValid())
+        // A resumed download starts with what an earlier run received: the
+        // rate counts only what arrives from now on.
+        if (!m_transferClock.isValid()) {
             m_transferClock.start();
+            m_transferBase = received;
+        }
         const double seconds = m_transferClock.elapsed() / 1000.0;
-        m_reporter->transfer(received, total, seconds > 0.2 ? double(received) / seconds : 0.0);
+        m_reporter->transfer(received, total, seconds > 0.2 ? double(received - m_transferBase) / seconds : 0.0);
     }
 }
 
