@@ -113,7 +113,8 @@ private slots:
         QCOMPARE(readFile(inst("bin/demo")), QByteArray("demo 1.0"));
         QCOMPARE(readFile(inst("config.ini")), QByteArray("[demo]"));
         QVERIFY(QFile::exists(inst("process-ran")));
-        QVERIFY(readFile(m_dir.filePath("links/Demo.desktop"_s)).contains("Exec=\"" + QString(inst("bin/demo")).toUtf8() + '"'));
+        QVERIFY(readFile(m_dir.filePath("links/Demo.desktop"_s))
+                    .contains("Exec=\"" + QString(inst("bin/demo")).toUtf8() + '"'));
         SKGlobal *global = SKGlobal::instance();
         QCOMPARE(global->settingValue(kUninstallKey, "DisplayName"_s).toString(), "Demo"_s);
         const QVariantMap record

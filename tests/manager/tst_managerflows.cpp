@@ -191,7 +191,8 @@ private slots:
             QVERIFY2(inBand, qPrintable("%1 at %2"_s.arg(statusName(band.first)).arg(p)));
         }
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
-        QVERIFY(readFile(path("links/Demo.desktop"_s)).contains("Exec=\"" + QString(inst + "/bin/demo"_s).toUtf8() + '"'));
+        QVERIFY(readFile(path("links/Demo.desktop"_s))
+                    .contains("Exec=\"" + QString(inst + "/bin/demo"_s).toUtf8() + '"'));
         QCOMPARE(packageRequests(repoName), 1);
         QVERIFY(QDir(inst + "/arvenorDownloadCache"_s).exists());
 

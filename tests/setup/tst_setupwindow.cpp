@@ -283,7 +283,8 @@ private slots:
         }
         QCOMPARE(readFile(folder + "/bin/demo"_s), QByteArray("demo 1.0"));
         QCOMPARE(readFile(folder + "/sample.txt"_s), QByteArray("sample"));
-        QVERIFY(readFile(path("links/Demo.desktop"_s)).contains("Exec=\"" + QString(folder + "/bin/demo"_s).toUtf8() + '"'));
+        QVERIFY(readFile(path("links/Demo.desktop"_s))
+                    .contains("Exec=\"" + QString(folder + "/bin/demo"_s).toUtf8() + '"'));
         QCOMPARE(storedInstallPath().toString(), folder);
         QVERIFY(!QFileInfo::exists(folder + "/arvenorDownloadCache"_s));
 
@@ -299,7 +300,8 @@ private slots:
         QCOMPARE(window.installFolder(), folder);
         picture(window, "7-uninstall"_s);
         QCOMPARE(window.findChild<QPushButton *>("nextButton"_s)->text(), "&Uninstall"_s);
-        QVERIFY(window.findChild<QWidget *>("confirmPage"_s)->findChild<QLabel *>()->text().contains("Click Uninstall"_s));
+        const QString confirmation = window.findChild<QWidget *>("confirmPage"_s)->findChild<QLabel *>()->text();
+        QVERIFY(confirmation.contains("Click Uninstall"_s));
         pressReturn(window);
         QVERIFY(waitForPage(window, "finishPage"_s));
         picture(window, "8-uninstalled"_s);
@@ -381,11 +383,11 @@ private slots:
         QTest::newRow("unknown addition") << QStringList{"--addition"_s, "nothing"_s} << 2 << "(known: samples)"_s;
         QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << "colour"_s;
         QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << "EC_VerifyFailed"_s;
-        QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << "no configuration file"_s;
-        QTest::newRow("malformed configuration") << QStringList{"--config"_s, "%work/bad.json"_s} << 20 << "line 1, column 4"_s;
+        QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << "no config"_s;
+        QTest::newRow("malformed configuration") << QStringList{"--config"_s, "%work/bad.json"_s} << 20 << "column 4"_s;
         QTest::newRow("index not signed") << QStringList{"--config"_s, "%signed"_s} << 23 << "is not signed"_s;
-        QTest::newRow("install folder cannot be made") << QStringList{"--from"_s, "%media"_s, "--path"_s, "%work/bad.json/inst"_s}
-                                                       << 25 << "the target folder cannot be created"_s;
+        QTest::newRow("install folder cannot be made")
+            << QStringList{"--from"_s, "%media"_s, "--path"_s, "%work/bad.json/inst"_s} << 25 << "cannot be created"_s;
         QTest::newRow("help") << QStringList{"--help"_s} << 0 << QString();
         QTest::newRow("version") << QStringList{"--version"_s} << 0 << QString();
     }

@@ -34,7 +34,8 @@ QString ConfigFile::problem(const QString &path, int &exitCode)
             .arg(shown).arg(line).arg(column).arg(error.errorString());
     }
     if (!document.isObject() || document.object().isEmpty())
-        return QStringLiteral("the configuration %1 holds no settings (it must be a JSON object with at least \"install\")")
+        return QStringLiteral("the configuration %1 holds no settings (it must be a JSON object with at least "
+                              "\"install\")")
             .arg(shown);
     exitCode = CorbethExit::Success;
     return QString();

@@ -158,5 +158,6 @@ int main(int argc, char *argv[])
     window.show();
     if (window.exec() == QDialog::Accepted)
         return CorbethExit::Success;
-    return window.lastError() != CBEnum::EC_NoError ? FailureCause::exitCode(window.lastError()) : CorbethExit::Cancelled;
+    return window.lastError() != CBEnum::EC_NoError ? FailureCause::exitCode(window.lastError())
+                                                    : CorbethExit::Cancelled;
 }

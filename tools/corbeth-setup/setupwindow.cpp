@@ -327,9 +327,10 @@ void SetupWindow::buildComponents()
 
 void SetupWindow::buildProgress()
 {
-    m_progressPage = addPage(QStringLiteral("progressPage"), m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling")
-                                                             : m_options.mode == SetupOptions::Update ? tr("Updating")
-                                                                                                      : tr("Installing"));
+    const QString title = m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling")
+        : m_options.mode == SetupOptions::Update                    ? tr("Updating")
+                                                                    : tr("Installing");
+    m_progressPage = addPage(QStringLiteral("progressPage"), title);
     auto *layout = static_cast<QVBoxLayout *>(m_progressPage->layout());
     m_stage = wrapped(tr("Preparing\u2026"), m_progressPage);
     m_stage->setObjectName(QStringLiteral("stageLabel"));

@@ -193,8 +193,9 @@ void Command::run()
         if (!configure(false) || !needInstallPath())
             return;
         if (m_manager.configData().value(QStringLiteral("updatePatch")).toMap().isEmpty()) {
-            fail(CBEnum::EC_ConfigDataError, QStringLiteral("patch failed: the configuration %1 has no \"updatePatch\" section")
-                                                 .arg(QFileInfo(m_options.config).absoluteFilePath()));
+            fail(CBEnum::EC_ConfigDataError,
+                 QStringLiteral("patch failed: the configuration %1 has no \"updatePatch\" section")
+                     .arg(QFileInfo(m_options.config).absoluteFilePath()));
             return;
         }
         m_phase = Patch;
