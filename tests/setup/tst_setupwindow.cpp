@@ -327,6 +327,9 @@ private slots:
         window.show();
         QVERIFY(activate(window));
         const QString folder = path("retry/Demo"_s);
+        // As if the unpacking had begun: files of the product, with its cleanup tool.
+        QVERIFY(writeFile(folder + "/bin/demo"_s, "half"));
+        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), folder + "/corbeth-cleanup"_s));
         walkToInstall(window, folder, false);
         auto *stage = window.findChild<QLabel *>("stageLabel"_s);
         QVERIFY(QTest::qWaitFor([&] { return stage->text().startsWith("Downloading"_s); }, 30000));
@@ -342,8 +345,12 @@ private slots:
         answerNextQuestion(QMessageBox::Yes);
         QTest::keyClick(&window, Qt::Key_Escape);
         QVERIFY(waitForPage(window, "errorPage"_s, 30000));
-        QVERIFY(window.findChild<QLabel *>("errorText"_s)->text().contains("cancelled"_s));
+        QVERIFY(window.findChild<QLabel *>("errorText"_s)->text().contains("2 files it had already placed"_s));
         picture(window, "9-cancelled"_s);
+        // Remove them runs the product's uninstall steps on what is there.
+        QTest::mouseClick(window.findChild<QPushButton *>("removePlacedButton"_s), Qt::LeftButton);
+        QVERIFY(QTest::qWaitFor([&] { return window.findChild<QLabel *>("errorText"_s)->text().contains("removed"_s); },
+                                60000));
         QVERIFY(!QFileInfo::exists(folder + "/bin/demo"_s));
 
         // The network is back: the same window, the same manager, Retry.

@@ -4,6 +4,7 @@
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
+#include <QtCore/QDirIterator>
 #include <QtCore/QFileInfo>
 #include <QtCore/QLocale>
 #include <QtCore/QMetaEnum>
@@ -27,6 +28,8 @@
 #include <QtWidgets/QStackedWidget>
 #include <QtWidgets/QStyle>
 #include <QtWidgets/QVBoxLayout>
+
+#include <utility>
 
 namespace Corbeth {
 
@@ -185,14 +188,21 @@ SetupWindow::SetupWindow(Manager *manager, const ProductInfo &product, const Set
             text += (text.isEmpty() ? QString() : QStringLiteral(", ")) + tr("%1/s").arg(locale.formattedDataSize(qint64(rate)));
         m_transfer->setText(text);
     });
-    connect(&m_task, &SetupTask::succeeded, this, [this] { showPage(m_finishPage); });
-    connect(&m_task, &SetupTask::failed, this, &SetupWindow::showFailure);
-    connect(&m_task, &SetupTask::cancelled, this, [this] {
-        m_errorText->setText(tr("Setup was cancelled. Files already copied were left in place; "
-                                "Retry starts again and finishes the job."));
-        m_errorKey->clear();
+    connect(&m_task, &SetupTask::succeeded, this, [this] {
+        if (!std::exchange(m_undoing, false)) {
+            showPage(m_finishPage);
+            return;
+        }
+        m_errorText->setText(tr("Setup was cancelled, and what it had placed in %1 was removed.")
+                                 .arg(QDir::toNativeSeparators(installFolder())));
+        m_removePlaced->hide();
         showPage(m_errorPage);
     });
+    connect(&m_task, &SetupTask::failed, this, [this](CBEnum::ErrorCode code) {
+        m_undoing = false;
+        showFailure(code);
+    });
+    connect(&m_task, &SetupTask::cancelled, this, &SetupWindow::showCancelled);
 
     // Sized from the font, so larger fonts and scale factors get a larger window.
     const QFontMetrics metrics(font());
@@ -382,7 +392,19 @@ void SetupWindow::buildError()
     m_retry->setObjectName(QStringLiteral("retryButton"));
     m_saveLog = new QPushButton(tr("&Save log\u2026"), m_errorPage);
     m_saveLog->setObjectName(QStringLiteral("saveLogButton"));
+    // The engine does not roll a cancelled install back: what it placed is
+    // removed by the product's own uninstall steps, when the user asks.
+    m_removePlaced = new QPushButton(tr("Re&move them"), m_errorPage);
+    m_removePlaced->setObjectName(QStringLiteral("removePlacedButton"));
+    m_removePlaced->hide();
+    connect(m_removePlaced, &QPushButton::clicked, this, [this] {
+        m_undoing = true;
+        showPage(m_progressPage);
+        m_bar->setValue(0);
+        m_task.start(SetupTask::Uninstall, installFolder(), QString());
+    });
     row->addWidget(m_retry);
+    row->addWidget(m_removePlaced);
     row->addWidget(m_saveLog);
     row->addStretch(1);
     layout->addLayout(row);
@@ -572,9 +594,30 @@ void SetupWindow::startTask()
     m_task.start(kind, path, m_package);
 }
 
+void SetupWindow::showCancelled()
+{
+    // What the cancelled install placed, its download cache aside (a retry resumes from it).
+    const QString folder = installFolder();
+    const QString cache = QDir(folder).filePath(QStringLiteral("arvenorDownloadCache"));
+    int placed = 0;
+    QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (m_options.mode == SetupOptions::Install && it.hasNext())
+        placed += it.next().startsWith(cache + QLatin1Char('/')) ? 0 : 1;
+    m_errorText->setText(placed == 0
+                             ? tr("Setup was cancelled before it placed any file. Retry starts again.")
+                             : tr("Setup was cancelled. %1 it had already placed %2 left in %3, without shortcuts "
+                                  "or an uninstall entry. Remove them, or Retry to finish the job.")
+                                   .arg(placed == 1 ? tr("1 file") : tr("%1 files").arg(placed),
+                                        placed == 1 ? tr("is") : tr("are"), QDir::toNativeSeparators(folder)));
+    m_errorKey->clear();
+    m_removePlaced->setVisible(placed > 0);
+    showPage(m_errorPage);
+}
+
 void SetupWindow::showFailure(CBEnum::ErrorCode code)
 {
     m_lastError = code;
+    m_removePlaced->hide();
     const QString cause = FailureCause::text();
     m_errorText->setText(cause.isEmpty() ? sentenceFor(code) : tr("Setup could not finish: %1").arg(cause));
     m_errorKey->setText(tr("Error code: %1 (0x%2)").arg(keyName(code)).arg(quint32(code), 0, 16));
