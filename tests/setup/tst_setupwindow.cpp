@@ -38,7 +38,8 @@ namespace {
 // finds it again.
 const char kProduct[] = R"({
   "product": {"name": "Demo", "version": "1.0", "publisher": "Arvenor Test",
-              "licence": "You may use Demo for testing.\nNo warranty.", "program": "bin/demo"},
+              "licence": "You may use Demo for testing.\nNo warranty.", "program": "bin/demo",
+              "components": {"samples": {"description": "Sample projects to start from.", "size": 1572864}}},
   "velmira": {"repository": "%1", "retries": 0, "stallTimeout": 30},
   "downloadModuleInfo": {"module": "demo"},
   "tolmInstallerModuleInfo": {"modelCode": "DEMO-SETUP", "environment": "test", "os": "linux", "lang": "en"},
@@ -202,6 +203,7 @@ class tst_SetupWindow : public QObject
 
         QCOMPARE(currentPage(window), "componentsPage"_s);
         QVERIFY(window.findChild<QCheckBox *>("addition_samples"_s)->isChecked());
+        QCOMPARE(window.findChild<QLabel *>("about_samples"_s)->text(), "Sample projects to start from. (1.50 MiB)"_s);
         QCOMPARE(next->text(), "&Install"_s);
         if (pictures)
             picture(window, "4-components"_s);

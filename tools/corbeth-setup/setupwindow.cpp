@@ -329,6 +329,16 @@ void SetupWindow::buildComponents()
         box->setObjectName(QStringLiteral("addition_") + name);
         box->setChecked(!m_options.additionsGiven || m_options.additions.contains(name));
         layout->addWidget(box);
+        const ProductInfo::Component about = m_product.components.value(name);
+        QString text = about.description;
+        if (about.size > 0)
+            text += (text.isEmpty() ? QString() : QStringLiteral(" ")) + tr("(%1)").arg(QLocale().formattedDataSize(about.size));
+        if (!text.isEmpty()) {
+            QLabel *label = wrapped(text, m_componentsPage);
+            label->setObjectName(QStringLiteral("about_") + name);
+            label->setContentsMargins(style()->pixelMetric(QStyle::PM_IndicatorWidth) + 6, 0, 0, 0);
+            layout->addWidget(label);
+        }
         m_additions << box;
     }
     layout->addStretch(1);
