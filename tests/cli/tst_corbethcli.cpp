@@ -177,13 +177,18 @@ private slots:
 
         // Version 2 differs in the file the update copies; the install folder
         // is found through the settings store.
+        // It carries its own configuration, whose update also writes NEWS.txt.
         QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 2.0"));
+        QVERIFY(writeFile(path("source/corbeth.json"_s), readFile(config).replace(
+            "\"update\": {\"coverFiles\": [", "\"update\": {\"coverFiles\": [{\"src\": \"${installPath}/data/changes.txt\", "
+            "\"dest\": \"${installPath}/NEWS.txt\"}, ")));
         const QString package2 = path(name + "-2.tolmpkg"_s);
         QVERIFY(PackTool::ok({"create"_s, path("source"_s), "-o"_s, package2}));
-        QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 1.0"));
+        QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 1.0") && QFile::remove(path("source/corbeth.json"_s)));
         QVERIFY(PackTool::ok({"publish"_s, package2, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s}));
         QVERIFY(step({"update"_s}));
         QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
+        QCOMPARE(readFile(inst + "/NEWS.txt"_s), QByteArray("changes 2.0"));
 
         QVERIFY(step({"patch"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0.1"));

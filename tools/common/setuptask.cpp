@@ -208,6 +208,7 @@ void SetupTask::onFinished()
         QTimer::singleShot(0, this, [this] {
             if (m_state != Running)
                 return;
+            adoptPackageConfig();
             const bool ok = m_manager->installPackage();
             if (m_state == Cancelling)
                 finish();
@@ -220,6 +221,20 @@ void SetupTask::onFinished()
     case None:
         break;
     }
+}
+
+void SetupTask::adoptPackageConfig()
+{
+    // A package may carry its own configuration, "corbeth.json" at its top:
+    // the update then runs the new version's "update" description.
+    const QString folder = m_manager->installPath();
+    const QString own = QDir(folder).filePath(QStringLiteral("corbeth.json"));
+    if (folder.isEmpty() || !QFileInfo(own).isFile())
+        return;
+    if (m_manager->setConfigPath(own) != CBEnum::EC_NoError)
+        qWarning("corbeth.json of the new version cannot be used; the update runs the configuration given");
+    // The new description may name the folder another way: the update stays where it unpacked.
+    m_manager->setInstallPath(folder);
 }
 
 void SetupTask::finish(CBEnum::ErrorCode code)

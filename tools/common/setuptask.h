@@ -63,6 +63,7 @@ private:
     void onError(CBEnum::ErrorCode code);
     void onFinished();
     void unpackUpdate(const QString &package);
+    void adoptPackageConfig();
     void finish(CBEnum::ErrorCode code = CBEnum::EC_NoError);
 
     Manager *m_manager;
