@@ -116,11 +116,14 @@ int main(int argc, char *argv[])
 
     Manager manager;
     const auto refuse = [&](const QString &what, CBEnum::ErrorCode code) {
-        const QString line = QStringLiteral("%1: %2 (%3)").arg(what, keyName(code), options.configFile);
+        const QString cause = FailureCause::text();
+        const QString line = QStringLiteral("%1: %2(%3, %4)")
+                                 .arg(what, cause.isEmpty() ? QString() : cause + QLatin1Char(' '), keyName(code),
+                                      options.configFile);
         printError(line);
         if (!silent)
             QMessageBox::critical(nullptr, QStringLiteral("corbeth-setup"), line);
-        return CorbethExit::fromError(code);
+        return FailureCause::exitCode(code);
     };
     int exitCode = CorbethExit::Success;
     if (const QString problem = ConfigFile::problem(options.configFile, exitCode); !problem.isEmpty()) {
