@@ -156,6 +156,10 @@ void SetupTask::onProgress(double percent)
 
 void SetupTask::onStatus(uint status)
 {
+    // A download or unpacking that went wrong and was retried is no cause of
+    // what fails after it.
+    if (m_state == Running && (status == CBEnum::TS_Uncompressing || status == CBEnum::TS_Installing))
+        FailureCause::reset();
     m_status = status;
     if (m_state == Running && status != CBEnum::TS_Finished && status != CBEnum::TS_Aborted)
         emit stageChanged(stageName(status));
