@@ -22,7 +22,7 @@ build=${1:-$root/build}
 which=${2:-all}
 [[ $which =~ ^(online|offline|all)$ ]] || { echo "usage: $0 [build-dir] [online|offline|all]" >&2; exit 2; }
 client=$build/bench/corbeth-bench-install
-pack=$build/tools/corbeth-pack/corbeth-pack
+pack=$build/bin/corbeth-pack
 for tool in "$client" "$pack"; do
     [[ -x $tool ]] || { echo "missing $tool (ninja -C $build corbeth-bench-install corbeth-pack)" >&2; exit 2; }
 done

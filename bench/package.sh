@@ -25,7 +25,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/bench/serve.sh"
 build=${1:-$root/build}
 which=${2:-all}
-pack=$build/tools/corbeth-pack/corbeth-pack
+pack=$build/bin/corbeth-pack
 [[ -x $pack ]] || { echo "no corbeth-pack in $build (ninja -C $build corbeth-pack)" >&2; exit 2; }
 need_tools bsdtar curl nginx /usr/bin/time
 work_folder corbeth-bench

@@ -24,9 +24,9 @@ scripts/deps.sh >/dev/null
 build=${CORBETH_BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja >/dev/null
 cmake --build "$build" --target corbeth-cli corbeth-pack corbeth-cleanup >/dev/null
-corbeth=$PWD/$build/tools/corbeth/corbeth
-pack=$PWD/$build/tools/corbeth-pack/corbeth-pack
-cleanup_tool=$PWD/$build/tools/corbeth-cleanup/corbeth-cleanup
+corbeth=$PWD/$build/bin/corbeth
+pack=$PWD/$build/bin/corbeth-pack
+cleanup_tool=$PWD/$build/bin/corbeth-cleanup
 
 # The work folder, and nginx with --serve, go when the script ends.
 # shellcheck source=../bench/serve.sh
@@ -42,7 +42,7 @@ export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/ho
 export XDG_CACHE_HOME=$work/home/.cache
 mkdir -p "$HOME/Desktop" "$CORBETH_SETTINGS_ROOT"
 inst=$HOME/CorbethDemo
-link=$HOME/Desktop/Corbeth\ Demo.lnk
+link=$HOME/Desktop/Corbeth\ Demo.desktop
 entry="SOFTWARE/Microsoft/Windows/CurrentVersion/Uninstall/CorbethDemo"
 
 step() { echo; echo "== $*"; }
@@ -82,7 +82,7 @@ step "corbeth install"
 "$corbeth" install --config "$work/corbeth.json" --path "$inst"
 check "the program runs: $("$inst/bin/corbeth-demo")" '[[ $("$inst/bin/corbeth-demo") == "Corbeth demo 1.0.0" ]]'
 check "files in $inst" '[[ -f $inst/share/README.txt && -f $inst/share/payload.bin ]]'
-check "shortcut ~/Desktop/Corbeth Demo.lnk -> bin/corbeth-demo" '[[ $(readlink "$link") == "$inst/bin/corbeth-demo" ]]'
+check "launcher ~/Desktop/Corbeth Demo.desktop runs bin/corbeth-demo" 'grep -qxF "Exec=\"$inst/bin/corbeth-demo\"" "$link"'
 check "settings HKCU/SOFTWARE/Corbeth/Demo installPath" '[[ $(setting HKEY_CURRENT_USER SOFTWARE/Corbeth/Demo installPath) == "$inst" ]]'
 check "uninstall entry: $(setting HKEY_LOCAL_MACHINE "$entry" DisplayName) $(setting HKEY_LOCAL_MACHINE "$entry" DisplayVersion)" \
     '[[ $(setting HKEY_LOCAL_MACHINE "$entry" DisplayName) == "Corbeth Demo" ]]'

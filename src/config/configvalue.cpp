@@ -16,9 +16,13 @@ bool isAbsent(const QVariant &value)
     return !value.isValid();
 }
 
-void converted(const QVariant &value, const QString &key)
+// A value whose conversion comes out empty is as good as skipped: the line ends so.
+void converted(const QVariant &value, const QString &key, bool empty = false)
 {
-    qCWarning(lcCorbeth) << "configdata converted" << key << value;
+    if (empty)
+        qCWarning(lcCorbeth) << "configdata converted" << key << value << "skipped";
+    else
+        qCWarning(lcCorbeth) << "configdata converted" << key << value;
 }
 
 bool isNumber(int type)
@@ -32,7 +36,7 @@ bool isNumber(int type)
 QVariantMap toMap(const QVariant &value, const QString &key)
 {
     if (!isAbsent(value) && value.userType() != QMetaType::QVariantMap)
-        converted(value, key);
+        converted(value, key, value.toMap().isEmpty());
     return value.toMap();
 }
 
@@ -41,7 +45,7 @@ QVariantList toList(const QVariant &value, const QString &key)
     // A client's own map may hold a string list where a document holds a list.
     if (!isAbsent(value) && value.userType() != QMetaType::QVariantList
         && value.userType() != QMetaType::QStringList)
-        converted(value, key);
+        converted(value, key, value.toList().isEmpty());
     return value.toList();
 }
 
@@ -54,7 +58,7 @@ QStringList toStringList(const QVariant &value, const QString &key)
                               [](const QVariant &item) { return item.userType() == QMetaType::QString; });
     }
     if (!natural)
-        converted(value, key);
+        converted(value, key, value.toStringList().isEmpty());
     return value.toStringList();
 }
 

@@ -320,7 +320,8 @@ bool Installer::parseLinks(const QVariant &value, QList<LinkInfo> &out)
 {
     return forEachObject(value, QStringLiteral("links"), [&out](const QVariantMap &item) {
         out.append({toString(item.value(QStringLiteral("src")), QStringLiteral("src")),
-                    toString(item.value(QStringLiteral("dest")), QStringLiteral("dest"))});
+                    toString(item.value(QStringLiteral("dest")), QStringLiteral("dest")),
+                    toString(item.value(QStringLiteral("icon")), QStringLiteral("icon"))});
         return true;
     });
 }

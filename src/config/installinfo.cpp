@@ -6,7 +6,7 @@ namespace Corbeth {
 
 bool operator==(const LinkInfo &a, const LinkInfo &b)
 {
-    return a.src == b.src && a.dest == b.dest;
+    return a.src == b.src && a.dest == b.dest && a.icon == b.icon;
 }
 
 bool operator==(const ProcessHelper &a, const ProcessHelper &b)

@@ -24,6 +24,7 @@ struct LinkInfo
 {
     QString src;  // the shortcut's target
     QString dest; // the shortcut file to create
+    QString icon; // the shortcut's icon, a file or a theme name; may be empty
 };
 
 struct SettingInfo

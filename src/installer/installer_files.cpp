@@ -5,6 +5,7 @@
 #include "logging_p.h"
 #include "platform/filecontent.h"
 #include "platform/protectedpath.h"
+#include "platform/shortcut.h"
 #include "platform/treeremover.h"
 
 #include <QtCore/QFile>
@@ -212,7 +213,8 @@ bool Installer::removeFiles(const QStringList &files, const QStringList &whiteLi
 {
     filesToWhite(whiteList);
     for (const QString &file : files) {
-        const QString expanded = expandPath(file);
+        // A shortcut named as on Windows is removed as this platform made it.
+        const QString expanded = Shortcut::fileFor(expandPath(file));
         // An unset variable can leave "" (the working folder), "/bin" or a
         // shared folder in place of a file in it ("${desktop}/${tag}"); ".."
         // is resolved before the check, and the path checked is the path removed.

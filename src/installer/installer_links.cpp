@@ -2,6 +2,7 @@
 #include "installer/installer.h"
 
 #include "logging_p.h"
+#include "platform/shortcut.h"
 #include "platform/skglobal.h"
 
 #include <QtCore/QDir>
@@ -25,13 +26,13 @@ bool Installer::links(const QList<LinkInfo> &items)
             qCCritical(lcCorbeth) << "link src not exist" << src;
             continue;
         }
-        const QString dest = expandPath(item.dest);
+        const QString dest = Shortcut::fileFor(expandPath(item.dest));
         // A link left by an earlier install may point nowhere and still be in the way.
         if (QFile::exists(dest) || QFileInfo(dest).isSymLink())
             QFile::remove(dest);
         // A shortcut may go into a folder of its own ("Start Menu/Vendor").
         QDir().mkpath(QFileInfo(dest).absolutePath());
-        if (QFile::link(src, dest))
+        if (Shortcut::create(src, expandPath(item.dest), expandPath(item.icon)))
             qCDebug(lcCorbeth) << "success link" << src << dest;
         else
             qCCritical(lcCorbeth) << "link fail" << src << dest;

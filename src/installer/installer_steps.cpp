@@ -4,6 +4,7 @@
 
 #include "installer/downloadcache.h"
 #include "logging_p.h"
+#include "platform/filetrust.h"
 #include "platform/skglobal.h"
 
 #include <QtCore/QCoreApplication>
@@ -142,18 +143,40 @@ bool Installer::uninstallOldSoftware(const OlderRemoval &removal)
 
 bool Installer::copySuicideTool()
 {
-    // The tool ships with the engine beside the program, or with the product
-    // in its install folder; it must run from elsewhere to remove that folder.
+    // The tool ships with the engine: beside the program, in the installed
+    // prefix's libexec or bin, or with the product in its install folder; it
+    // must run from elsewhere to remove that folder. A copy that another user
+    // could have put or changed there is never run (the engine often runs as
+    // root).
+    QStringList folders{QCoreApplication::applicationDirPath(),
+                        QCoreApplication::applicationDirPath() + QLatin1String("/../libexec/corbeth"),
+                        QCoreApplication::applicationDirPath() + QLatin1String("/../libexec")};
+#ifdef CORBETH_INSTALL_LIBEXECDIR
+    folders << QStringLiteral(CORBETH_INSTALL_LIBEXECDIR "/corbeth") << QStringLiteral(CORBETH_INSTALL_LIBEXECDIR)
+            << QStringLiteral(CORBETH_INSTALL_BINDIR);
+#endif
+    if (!m_installPath.isEmpty())
+        folders << m_installPath;
     QString source;
-    for (const QString &dir : {QCoreApplication::applicationDirPath(), m_installPath}) {
+    QStringList looked;
+    for (const QString &dir : qAsConst(folders)) {
+        const QString folder = QDir::cleanPath(dir);
+        if (looked.contains(folder))
+            continue;
+        looked << folder;
         for (const char *name : kCleanupToolNames) {
-            const QString candidate = QDir(dir).filePath(QLatin1String(name));
-            if (source.isEmpty() && !dir.isEmpty() && QFile::exists(candidate))
+            const QString candidate = QDir(folder).filePath(QLatin1String(name));
+            if (!source.isEmpty() || !QFileInfo(candidate).isFile())
+                continue;
+            if (const QString why = FileTrust::whyUntrusted(candidate); !why.isEmpty())
+                looked.last() += QStringLiteral(" (refused: %1)").arg(why);
+            else
                 source = candidate;
         }
     }
     if (source.isEmpty()) {
-        qCWarning(lcCorbeth) << "suicide tool not found" << QCoreApplication::applicationDirPath() << m_installPath;
+        qCCritical(lcCorbeth).noquote() << "suicide tool not found: the cleanup tool corbeth-cleanup is in none of"
+                                        << looked.join(QLatin1String(", "));
         return false;
     }
     const QFileInfo info(source);

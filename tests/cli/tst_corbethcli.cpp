@@ -27,7 +27,7 @@ const char kConfig[] = R"({
   "downloadModuleInfo": {"module": "demo"},
   "download": {"retryInterval": 1},
   "install": {
-    "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk"}],
+    "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk", "icon": "${installPath}/demo.png"}],
     "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}"}},
     "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest", "key": "installPath"}}
   },
@@ -98,7 +98,9 @@ class tst_CorbethCli : public QObject
     Run corbeth(const QStringList &arguments)
     {
         QProcess process;
-        process.start(QStringLiteral(CORBETH_CLI), arguments);
+        // A first argument that is a path runs that copy of the tool.
+        const bool copy = arguments.value(0).startsWith(QLatin1Char('/'));
+        process.start(copy ? arguments.first() : QStringLiteral(CORBETH_CLI), arguments.mid(copy ? 1 : 0));
         if (!process.waitForFinished(120000)) {
             process.kill();
             process.waitForFinished();
@@ -167,19 +169,26 @@ private slots:
 
         QVERIFY(step({"install"_s, "--path"_s, inst, "--addition"_s, "samples"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
-        QCOMPARE(QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget(), inst + "/bin/demo"_s);
+        const QByteArray launcher = readFile(path("links/Demo.desktop"_s));
+        QVERIFY(launcher.contains("Exec=\"" + QString(inst + "/bin/demo"_s).toUtf8() + "\"\nPath="));
+        QVERIFY(launcher.contains("\nIcon="));
         QCOMPARE(QSettings(recorded.fileName(), QSettings::IniFormat).value("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), inst);
         QVERIFY(!QFile::exists(inst + "/arvenorDownloadCache"_s));
 
         // Version 2 differs in the file the update copies; the install folder
         // is found through the settings store.
+        // It carries its own configuration, whose update also writes NEWS.txt.
         QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 2.0"));
+        QVERIFY(writeFile(path("source/corbeth.json"_s), readFile(config).replace(
+            "\"update\": {\"coverFiles\": [", "\"update\": {\"coverFiles\": [{\"src\": \"${installPath}/data/changes.txt\", "
+            "\"dest\": \"${installPath}/NEWS.txt\"}, ")));
         const QString package2 = path(name + "-2.tolmpkg"_s);
         QVERIFY(PackTool::ok({"create"_s, path("source"_s), "-o"_s, package2}));
-        QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 1.0"));
+        QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 1.0") && QFile::remove(path("source/corbeth.json"_s)));
         QVERIFY(PackTool::ok({"publish"_s, package2, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s}));
         QVERIFY(step({"update"_s}));
         QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
+        QCOMPARE(readFile(inst + "/NEWS.txt"_s), QByteArray("changes 2.0"));
 
         QVERIFY(step({"patch"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0.1"));
@@ -189,7 +198,7 @@ private slots:
         QCOMPARE(offline.filter(".verify"_s).size(), 1);
         QVERIFY(step({"uninstall"_s}));
         QVERIFY(!QFile::exists(inst));
-        QVERIFY(!QFileInfo(path("links/Demo.lnk"_s)).isSymLink());
+        QVERIFY(!QFile::exists(path("links/Demo.desktop"_s)));
         QVERIFY(!QSettings(recorded.fileName(), QSettings::IniFormat).contains("SOFTWARE/Corbeth/CliTest/installPath"_s));
     }
 
@@ -200,8 +209,21 @@ private slots:
         QTest::addColumn<QString>("said");
         const QString inst = path("failed"_s);
         const QString config = configure("failures"_s, false);
-        const QString unreachable = configure("unreachable"_s, false, QUrl::fromLocalFile(path("nowhere"_s)).toString());
-        QVERIFY(writeFile(path("malformed.json"_s), "{ \"install\": "));
+        const QString unreachable = configure("unreachable"_s, false, "http://127.0.0.1:1/"_s);
+        QVERIFY(writeFile(path("malformed.json"_s), "{\n \"install\": "));
+        QVERIFY(writeFile(path("empty.json"_s), "{}"));
+        const auto variant = [this, &config](const char *name, const QByteArray &from, const QByteArray &to) {
+            return writeFile(path(QLatin1String(name)), readFile(config).replace(from, to));
+        };
+        QVERIFY(variant("types.json", "\"links\": [", "\"links\": \"abc\", \"x\": ["));
+        QVERIFY(PackTool::ok({"keygen"_s, path("key"_s)}));
+        const QByteArray key = readFile(path("key.pub"_s)).trimmed();
+        QVERIFY(variant("signed.json", "\"retries\"", "\"publicKey\": \"" + key + "\", \"retries\""));
+        QVERIFY(variant("nomodule.json", "\"demo\"}", "\"nosuch\"}"));
+        // corbeth alone in a folder, the cleanup tool nowhere it looks.
+        QVERIFY(QDir().mkpath(path("alone"_s)));
+        QVERIFY(QFile::exists(path("alone/corbeth"_s))
+                || QFile::copy(QStringLiteral(CORBETH_CLI), path("alone/corbeth"_s)));
         QVERIFY(writeFile(path("norepository.json"_s), "{ \"install\": {} }"));
         QVERIFY(QDir().mkpath(path("tampered"_s)));
         QVERIFY(QFile::exists(path("tampered/demo.tolmpkg"_s)) || QFile::copy(m_package, path("tampered/demo.tolmpkg"_s)));
@@ -209,17 +231,33 @@ private slots:
 
         QTest::newRow("unknown command") << QStringList{"instal"_s} << 2 << "instal"_s;
         QTest::newRow("no configuration given") << QStringList{"install"_s, "--path"_s, inst} << 2 << "--config"_s;
-        QTest::newRow("missing configuration")
-            << QStringList{"install"_s, "--config"_s, path("none.json"_s), "--path"_s, inst} << 15 << "EC_FileNotOpen"_s;
-        QTest::newRow("malformed configuration")
-            << QStringList{"install"_s, "--config"_s, path("malformed.json"_s), "--path"_s, inst} << 15 << "malformed.json"_s;
+        const auto install = [&inst](const QString &configuration) {
+            return QStringList{"install"_s, "--config"_s, configuration, "--path"_s, inst};
+        };
+        QTest::newRow("missing configuration") << install(path("none.json"_s)) << 15 << "no configuration file"_s;
+        QTest::newRow("configuration is a folder") << install(path("alone"_s)) << 27 << "cannot be read"_s;
+        QTest::newRow("malformed configuration") << install(path("malformed.json"_s)) << 20 << "at line 2, column 13"_s;
+        QTest::newRow("empty configuration") << install(path("empty.json"_s)) << 20 << "holds no settings"_s;
+        QTest::newRow("values of the wrong type, cleanup tool missing")
+            << QStringList{path("alone/corbeth"_s), "uninstall"_s, "--config"_s, path("types.json"_s), "--path"_s,
+                           m_work.path()}
+            << 26 << "corbeth-cleanup is in none of "_s + path("alone"_s);
+        QTest::newRow("patch without updatePatch")
+            << QStringList{"patch"_s, "--config"_s, path("norepository.json"_s), "--path"_s, inst}
+            << 20 << "no \"updatePatch\""_s;
+        QTest::newRow("unsigned index, key configured") << install(path("signed.json"_s)) << 23 << "is not signed"_s;
+        QTest::newRow("unknown module") << install(path("nomodule.json"_s)) << 22 << "nosuch/index.json does not"_s;
+        QTest::newRow("install folder cannot be made")
+            << QStringList{"install"_s, "--config"_s, config, "--path"_s, config + "/inst"_s, "--package"_s, m_package}
+            << 25 << "the target folder cannot be created"_s;
         QTest::newRow("no repository in it")
             << QStringList{"install"_s, "--config"_s, path("norepository.json"_s), "--path"_s, inst} << 20 << "EC_ConfigDataError"_s;
         QTest::newRow("unknown addition")
-            << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--addition"_s, "nosuch"_s} << 2 << "nosuch"_s;
+            << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--addition"_s, "nosuch"_s} << 2
+            << "(known: samples)"_s;
         QTest::newRow("unreachable repository")
             << QStringList{"install"_s, "--config"_s, unreachable, "--path"_s, inst, "--retry-rounds"_s, "1"_s}
-            << 11 << "EC_UnknownNetworkError"_s;
+            << 11 << "Connection refused"_s;
         QTest::newRow("tampered package")
             << QStringList{"install"_s, "--config"_s, config, "--path"_s, inst, "--package"_s, path("tampered/demo.tolmpkg"_s)}
             << 19 << "EC_VerifyFailed"_s;
@@ -236,9 +274,12 @@ private slots:
         QFETCH(QString, said);
         const Run plain = corbeth(arguments);
         QCOMPARE(plain.exitCode, exitCode);
-        QCOMPARE(plain.err.trimmed().count(QLatin1Char('\n')), 0);
+        // One line, after a warning for each value the engine skipped.
+        QCOMPARE(plain.err.trimmed().count(QLatin1Char('\n')), plain.err.count("warning: the configuration's"_s));
+        QCOMPARE(plain.err.count("\"links\" was skipped"_s), int(arguments.contains(path("types.json"_s))));
         QVERIFY2(plain.err.contains(said), qPrintable(plain.err));
-        QVERIFY(plain.err.startsWith("corbeth: "_s));
+        QVERIFY(plain.err.startsWith("corbeth: "_s) && !plain.err.contains("cannot download"_s));
+        QVERIFY(!QFileInfo::exists(path("failed/arvenorDownloadCache"_s)));
         // Not on a terminal: no control characters for a log to hold.
         QVERIFY(!plain.err.contains(QLatin1Char('\r')) && !plain.err.contains(QLatin1Char('\033')));
 
@@ -289,18 +330,27 @@ private slots:
         }
     }
 
+    void terminalBar_data()
+    {
+        QTest::addColumn<int>("columns");
+        QTest::newRow("80 columns") << 80;
+        QTest::newRow("40 columns") << 40;
+    }
+
     // On a terminal the bar is one line redrawn in place within the width,
-    // and the line after it starts clean.
+    // figures left out whole when they do not fit, and the line after it starts clean.
     void terminalBar()
     {
+        QFETCH(int, columns);
         const QString script = QStandardPaths::findExecutable("script"_s);
         if (script.isEmpty())
             QSKIP("script (util-linux) is not installed");
         SettingsSandbox store;
         const QString config = configure("terminal"_s, false);
         const auto quoted = [](const QString &text) { return QLatin1Char('\'') + text + QLatin1Char('\''); };
-        const QString command = QStringList{quoted(QStringLiteral(CORBETH_CLI)), "install"_s, "--config"_s, quoted(config),
-                                            "--path"_s, quoted(path("terminal/inst"_s))}
+        const QString command = QStringList{"stty cols %1 &&"_s.arg(columns), quoted(QStringLiteral(CORBETH_CLI)),
+                                            "install"_s, "--config"_s, quoted(config),
+                                            "--path"_s, quoted(path("terminal/inst%1"_s.arg(columns)))}
                                     .join(QLatin1Char(' '));
         QProcess process;
         process.start(script, {"-qfec"_s, command, "/dev/null"_s});
@@ -316,7 +366,11 @@ private slots:
         QCOMPARE(bar.count('\n'), 1);
         for (const QByteArray &state : bar.split('\r')) {
             const QByteArray text = QByteArray(state).replace("\033[K", "").trimmed();
-            QVERIFY2(text.size() < 80, text.constData());
+            QVERIFY2(text.size() < columns, text.constData());
+            const QByteArray last = text.mid(text.lastIndexOf(' ') + 1);
+            const QByteArrayList whole{"downloading", "unpacking", "installing", "verifying", "preparing",
+                                       "finished",    "left",      "B",          "KiB",       "MiB"};
+            QVERIFY2(text.isEmpty() || whole.contains(last) || last.endsWith("/s"), text.constData());
         }
         QVERIFY(bar.contains("100%"));
     }

@@ -90,7 +90,7 @@ private slots:
         writeFile(m_dir.filePath("neighbour/keep.txt"_s), "neighbour");
         writeFile(m_dir.filePath("patch/demo"_s), "demo 2.1");
         unpack("1.0");
-        writeFile(m_dir.filePath("links/Demo.lnk"_s), "replaced by the install");
+        writeFile(m_dir.filePath("links/Demo.desktop"_s), "replaced by the install");
     }
 
     // The last engine goes too, and with it its copy of the cleanup tool.
@@ -113,7 +113,8 @@ private slots:
         QCOMPARE(readFile(inst("bin/demo")), QByteArray("demo 1.0"));
         QCOMPARE(readFile(inst("config.ini")), QByteArray("[demo]"));
         QVERIFY(QFile::exists(inst("process-ran")));
-        QCOMPARE(QFileInfo(m_dir.filePath("links/Demo.lnk"_s)).symLinkTarget(), inst("bin/demo"));
+        QVERIFY(readFile(m_dir.filePath("links/Demo.desktop"_s))
+                    .contains("Exec=\"" + QString(inst("bin/demo")).toUtf8() + '"'));
         SKGlobal *global = SKGlobal::instance();
         QCOMPARE(global->settingValue(kUninstallKey, "DisplayName"_s).toString(), "Demo"_s);
         const QVariantMap record

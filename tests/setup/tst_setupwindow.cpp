@@ -1,7 +1,9 @@
 // The installer window as a user meets it: real pages, keys and clicks, a real
 // engine installing a real package from a file:// repository (or the fault
 // server), and the machine's state checked after each run.
+#include "failurecause.h"
 #include "productinfo.h"
+#include "setuptask.h"
 #include "setupwindow.h"
 #include "singleinstance.h"
 
@@ -36,7 +38,8 @@ namespace {
 // finds it again.
 const char kProduct[] = R"({
   "product": {"name": "Demo", "version": "1.0", "publisher": "Arvenor Test",
-              "licence": "You may use Demo for testing.\nNo warranty.", "program": "bin/demo"},
+              "licence": "You may use Demo for testing.\nNo warranty.", "program": "bin/demo",
+              "components": {"samples": {"description": "Sample projects to start from.", "size": 1572864}}},
   "velmira": {"repository": "%1", "retries": 0, "stallTimeout": 30},
   "downloadModuleInfo": {"module": "demo"},
   "tolmInstallerModuleInfo": {"modelCode": "DEMO-SETUP", "environment": "test", "os": "linux", "lang": "en"},
@@ -130,14 +133,18 @@ class tst_SetupWindow : public QObject
     QTemporaryDir m_work;
     QString m_package;
     QString m_repository;
+    QString m_publicKey;
     QString m_pictures = QStringLiteral(SETUP_PICTURES_DIR);
 
     QString path(const QString &relative) const { return m_work.filePath(relative); }
 
-    QString configFile(const QString &repository)
+    QString configFile(const QString &repository, bool signedOnly = false)
     {
-        const QString file = path("config-%1.json"_s).arg(qHash(repository));
-        writeFile(file, QString::fromUtf8(kProduct).arg(repository, m_work.path()).toUtf8());
+        const QString file = path("config-%1-%2.json"_s).arg(qHash(repository)).arg(signedOnly);
+        QString text = QString::fromUtf8(kProduct).arg(repository, m_work.path());
+        if (signedOnly)
+            text.replace("\"retries\""_s, "\"publicKey\": \"%1\", \"retries\""_s.arg(m_publicKey));
+        writeFile(file, text.toUtf8());
         return file;
     }
 
@@ -196,6 +203,7 @@ class tst_SetupWindow : public QObject
 
         QCOMPARE(currentPage(window), "componentsPage"_s);
         QVERIFY(window.findChild<QCheckBox *>("addition_samples"_s)->isChecked());
+        QCOMPARE(window.findChild<QLabel *>("about_samples"_s)->text(), "Sample projects to start from. (1.50 MiB)"_s);
         QCOMPARE(next->text(), "&Install"_s);
         if (pictures)
             picture(window, "4-components"_s);
@@ -213,6 +221,29 @@ private slots:
         QVERIFY(PackTool::ok({"publish"_s, m_package, "--repo"_s, path("repo"_s), "--module"_s, "demo"_s,
                               "--version"_s, "1.0.0"_s}));
         m_repository = QUrl::fromLocalFile(path("repo"_s)).toString() + QLatin1Char('/');
+        QVERIFY(PackTool::ok({"keygen"_s, path("key"_s)}));
+        m_publicKey = QString::fromLatin1(readFile(path("key.pub"_s)).trimmed());
+        // As corbeth-setup does; here after the test's own log handler.
+        FailureCause::listen(true);
+    }
+
+    // A repository that can never be trusted: the retries end, and the error
+    // page says why.
+    void untrustedRepositoryShowsItsCause()
+    {
+        SettingsSandbox store;
+        Manager manager;
+        QCOMPARE(manager.setConfigPath(configFile(m_repository, true)), CBEnum::EC_NoError);
+        SetupTask::boundRetries(manager, 1);
+        QCOMPARE(manager.initRemote(), CBEnum::EC_NoError);
+        SetupWindow window(&manager, ProductInfo::fromConfig(manager.configData()), SetupOptions(), QString());
+        window.show();
+        QVERIFY(activate(window));
+        walkToInstall(window, path("untrusted/Demo"_s), false);
+        QVERIFY(waitForPage(window, "errorPage"_s));
+        QVERIFY2(window.findChild<QLabel *>("errorText"_s)->text().contains("is not signed"_s),
+                 qPrintable(window.findChild<QLabel *>("errorText"_s)->text()));
+        picture(window, "10-untrusted"_s);
     }
 
     // Every page of an install from the repository, then the uninstall, with
@@ -247,14 +278,15 @@ private slots:
             QCOMPARE(values.last(), 1000);
             QVERIFY(grabbed);
 
-            QTest::mouseClick(window.findChild<QCheckBox *>("launchProgram"_s), Qt::LeftButton);
+            QVERIFY(!window.findChild<QCheckBox *>("launchProgram"_s)->isChecked());
             pressReturn(window);
             QVERIFY(!window.isVisible());
             QCOMPARE(window.result(), int(QDialog::Accepted));
         }
         QCOMPARE(readFile(folder + "/bin/demo"_s), QByteArray("demo 1.0"));
         QCOMPARE(readFile(folder + "/sample.txt"_s), QByteArray("sample"));
-        QCOMPARE(QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget(), folder + "/bin/demo"_s);
+        QVERIFY(readFile(path("links/Demo.desktop"_s))
+                    .contains("Exec=\"" + QString(folder + "/bin/demo"_s).toUtf8() + '"'));
         QCOMPARE(storedInstallPath().toString(), folder);
         QVERIFY(!QFileInfo::exists(folder + "/arvenorDownloadCache"_s));
 
@@ -270,6 +302,8 @@ private slots:
         QCOMPARE(window.installFolder(), folder);
         picture(window, "7-uninstall"_s);
         QCOMPARE(window.findChild<QPushButton *>("nextButton"_s)->text(), "&Uninstall"_s);
+        const QString confirmation = window.findChild<QWidget *>("confirmPage"_s)->findChild<QLabel *>()->text();
+        QVERIFY(confirmation.contains("Click Uninstall"_s));
         pressReturn(window);
         QVERIFY(waitForPage(window, "finishPage"_s));
         picture(window, "8-uninstalled"_s);
@@ -277,7 +311,7 @@ private slots:
         QVERIFY(!window.isVisible());
         QVERIFY(!QFileInfo::exists(folder + "/bin/demo"_s));
         QVERIFY(!QFileInfo::exists(folder + "/sample.txt"_s));
-        QVERIFY(!QFileInfo(path("links/Demo.lnk"_s)).isSymLink());
+        QVERIFY(!QFile::exists(path("links/Demo.desktop"_s)));
         QVERIFY(!storedInstallPath().isValid());
     }
 
@@ -295,6 +329,9 @@ private slots:
         window.show();
         QVERIFY(activate(window));
         const QString folder = path("retry/Demo"_s);
+        // As if the unpacking had begun: files of the product, with its cleanup tool.
+        QVERIFY(writeFile(folder + "/bin/demo"_s, "half"));
+        QVERIFY(QFile::copy(QStringLiteral(CORBETH_CLEANUP_TOOL), folder + "/corbeth-cleanup"_s));
         walkToInstall(window, folder, false);
         auto *stage = window.findChild<QLabel *>("stageLabel"_s);
         QVERIFY(QTest::qWaitFor([&] { return stage->text().startsWith("Downloading"_s); }, 30000));
@@ -310,8 +347,12 @@ private slots:
         answerNextQuestion(QMessageBox::Yes);
         QTest::keyClick(&window, Qt::Key_Escape);
         QVERIFY(waitForPage(window, "errorPage"_s, 30000));
-        QVERIFY(window.findChild<QLabel *>("errorText"_s)->text().contains("cancelled"_s));
+        QVERIFY(window.findChild<QLabel *>("errorText"_s)->text().contains("2 files it had already placed"_s));
         picture(window, "9-cancelled"_s);
+        // Remove them runs the product's uninstall steps on what is there.
+        QTest::mouseClick(window.findChild<QPushButton *>("removePlacedButton"_s), Qt::LeftButton);
+        QVERIFY(QTest::qWaitFor([&] { return window.findChild<QLabel *>("errorText"_s)->text().contains("removed"_s); },
+                                60000));
         QVERIFY(!QFileInfo::exists(folder + "/bin/demo"_s));
 
         // The network is back: the same window, the same manager, Retry.
@@ -344,13 +385,18 @@ private slots:
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QString>("installed"); // a file the run leaves, or empty
+        // A file the run leaves when it succeeds; what its one line says when it fails.
+        QTest::addColumn<QString>("expected");
         QTest::newRow("install") << QStringList{"--addition"_s, "samples"_s} << 0 << "sample.txt"_s;
         QTest::newRow("offline from a folder") << QStringList{"--from"_s, "%media"_s} << 0 << "bin/demo"_s;
-        QTest::newRow("unknown addition") << QStringList{"--addition"_s, "nothing"_s} << 2 << QString();
-        QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << QString();
-        QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << QString();
-        QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << QString();
+        QTest::newRow("unknown addition") << QStringList{"--addition"_s, "nothing"_s} << 2 << "(known: samples)"_s;
+        QTest::newRow("bad option") << QStringList{"--colour"_s} << 2 << "colour"_s;
+        QTest::newRow("tampered package") << QStringList{"--from"_s, "%tampered"_s} << 19 << "EC_VerifyFailed"_s;
+        QTest::newRow("missing configuration") << QStringList{"--config"_s, "%work/none.json"_s} << 15 << "no config"_s;
+        QTest::newRow("malformed configuration") << QStringList{"--config"_s, "%work/bad.json"_s} << 20 << "column 4"_s;
+        QTest::newRow("index not signed") << QStringList{"--config"_s, "%signed"_s} << 23 << "is not signed"_s;
+        QTest::newRow("install folder cannot be made")
+            << QStringList{"--from"_s, "%media"_s, "--path"_s, "%work/bad.json/inst"_s} << 25 << "cannot be created"_s;
         QTest::newRow("help") << QStringList{"--help"_s} << 0 << QString();
         QTest::newRow("version") << QStringList{"--version"_s} << 0 << QString();
     }
@@ -359,13 +405,15 @@ private slots:
     {
         QFETCH(QStringList, arguments);
         QFETCH(int, exitCode);
-        QFETCH(QString, installed);
+        QFETCH(QString, expected);
         SettingsSandbox store;
         QTemporaryDir run;
         QVERIFY(QDir().mkpath(run.filePath("media"_s)) && QDir().mkpath(run.filePath("tampered"_s)));
         QVERIFY(QFile::copy(m_package, run.filePath("media/demo.tolmpkg"_s)));
         QVERIFY(QFile::copy(m_package, run.filePath("tampered/demo.tolmpkg"_s)));
         QVERIFY(writeFile(run.filePath("tampered/demo.tolmpkg.verify"_s), QByteArray(32, '0')));
+        QVERIFY(writeFile(run.filePath("bad.json"_s), "{ ,}"));
+        arguments.replaceInStrings("%signed"_s, configFile(m_repository, true));
         arguments.replaceInStrings("%media"_s, run.filePath("media"_s));
         arguments.replaceInStrings("%tampered"_s, run.filePath("tampered"_s));
         arguments.replaceInStrings("%work"_s, run.path());
@@ -383,9 +431,9 @@ private slots:
         const QString err = QString::fromLocal8Bit(setup.readAllStandardError());
         QVERIFY2(setup.exitCode() == exitCode, qPrintable("%1: %2"_s.arg(setup.exitCode()).arg(err)));
         if (exitCode != 0)
-            QCOMPARE(err.count(QLatin1Char('\n')), 1);
-        if (!installed.isEmpty())
-            QVERIFY(QFileInfo::exists(run.filePath("inst/"_s + installed)));
+            QVERIFY2(err.count(QLatin1Char('\n')) == 1 && err.contains(expected), qPrintable(err));
+        if (exitCode == 0 && !expected.isEmpty())
+            QVERIFY(QFileInfo::exists(run.filePath("inst/"_s + expected)));
         else
             QVERIFY(!QFileInfo::exists(run.filePath("inst/bin/demo"_s)));
     }

@@ -4,10 +4,23 @@
 #include <corbeth/cbenum.h>
 
 // The exit codes of the command-line installers: 0 success, 2 bad usage, 130
-// cancelled, and one code per engine error so a script can tell them apart.
+// cancelled, one code per engine error, and one per cause the engine reports
+// under a broader code (see FailureCause), so a script can tell them apart.
 namespace CorbethExit {
 
-enum : int { Success = 0, Failure = 1, Usage = 2, Cancelled = 130 };
+enum : int {
+    Success = 0,
+    Failure = 1,
+    Usage = 2,
+    NotInRepository = 22,
+    Untrusted = 23,
+    Damaged = 24,
+    CannotWrite = 25,
+    ToolMissing = 26,
+    Unreadable = 27,
+    Downgrade = 28,
+    Cancelled = 130
+};
 
 inline int fromError(Corbeth::CBEnum::ErrorCode code)
 {

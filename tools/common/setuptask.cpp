@@ -1,6 +1,10 @@
 #include "setuptask.h"
 
+#include "failurecause.h"
+
 #include <QtCore/QDir>
+#include <QtCore/QDirIterator>
+#include <QtCore/QFileInfo>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -52,6 +56,7 @@ void SetupTask::start(Kind kind, const QString &path, const QString &package)
     m_state = Running;
     m_phase = None;
     m_shown = 0;
+    FailureCause::reset();
     emit progress(0);
     QTimer::singleShot(0, this, &SetupTask::run);
 }
@@ -141,15 +146,23 @@ void SetupTask::onProgress(double percent)
         const double fraction = std::min(1.0, percent / (m_phase == OnlineInstall ? 50.0 : 100.0));
         const qint64 total = std::max<qint64>(0, m_manager->packageSize());
         const qint64 received = qint64(fraction * double(total));
-        if (!m_transferClock.isValid())
+        // A resumed download starts with what an earlier run received: the
+        // rate counts only what arrives from now on.
+        if (!m_transferClock.isValid()) {
             m_transferClock.start();
+            m_transferBase = received;
+        }
         const double seconds = m_transferClock.elapsed() / 1000.0;
-        emit transfer(received, total, seconds > 0.2 ? double(received) / seconds : 0.0);
+        emit transfer(received, total, seconds > 0.2 ? double(received - m_transferBase) / seconds : 0.0);
     }
 }
 
 void SetupTask::onStatus(uint status)
 {
+    // A download or unpacking that went wrong and was retried is no cause of
+    // what fails after it.
+    if (m_state == Running && (status == CBEnum::TS_Uncompressing || status == CBEnum::TS_Installing))
+        FailureCause::reset();
     m_status = status;
     if (m_state == Running && status != CBEnum::TS_Finished && status != CBEnum::TS_Aborted)
         emit stageChanged(stageName(status));
@@ -203,6 +216,7 @@ void SetupTask::onFinished()
         QTimer::singleShot(0, this, [this] {
             if (m_state != Running)
                 return;
+            adoptPackageConfig();
             const bool ok = m_manager->installPackage();
             if (m_state == Cancelling)
                 finish();
@@ -217,6 +231,20 @@ void SetupTask::onFinished()
     }
 }
 
+void SetupTask::adoptPackageConfig()
+{
+    // A package may carry its own configuration, "corbeth.json" at its top:
+    // the update then runs the new version's "update" description.
+    const QString folder = m_manager->installPath();
+    const QString own = QDir(folder).filePath(QStringLiteral("corbeth.json"));
+    if (folder.isEmpty() || !QFileInfo(own).isFile())
+        return;
+    if (m_manager->setConfigPath(own) != CBEnum::EC_NoError)
+        qWarning("corbeth.json of the new version cannot be used; the update runs the configuration given");
+    // The new description may name the folder another way: the update stays where it unpacked.
+    m_manager->setInstallPath(folder);
+}
+
 void SetupTask::finish(CBEnum::ErrorCode code)
 {
     const State was = m_state;
@@ -226,6 +254,12 @@ void SetupTask::finish(CBEnum::ErrorCode code)
     if (was == Cancelling) {
         emit cancelled();
     } else if (code != CBEnum::EC_NoError) {
+        // The download cache stays for a retry to resume from, unless there is
+        // nothing in it to resume.
+        const QString cache = QDir(m_path).filePath(QStringLiteral("arvenorDownloadCache"));
+        if (m_kind == Install && !m_path.isEmpty() && QFileInfo(cache).isDir()
+            && !QDirIterator(cache, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories).hasNext())
+            m_manager->removeUpdateDir();
         emit failed(code);
     } else {
         if (m_shown < 100)

@@ -63,6 +63,7 @@ private:
     void onError(CBEnum::ErrorCode code);
     void onFinished();
     void unpackUpdate(const QString &package);
+    void adoptPackageConfig();
     void finish(CBEnum::ErrorCode code = CBEnum::EC_NoError);
 
     Manager *m_manager;
@@ -77,6 +78,7 @@ private:
     uint m_status = CBEnum::TS_Freeing;
     double m_shown = 0;
     QElapsedTimer m_transferClock;
+    qint64 m_transferBase = 0;
 };
 
 } // namespace Corbeth

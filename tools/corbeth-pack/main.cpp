@@ -71,8 +71,11 @@ int fail(const QString &command, const Vindal::Outcome &outcome)
 class CommandLine
 {
 public:
-    CommandLine(const QString &command, const QString &synopsis)
+    CommandLine(const QString &command, const QString &synopsis, const char *example)
         : m_command(command)
+        , m_usage(QStringLiteral("Usage: corbeth-pack %1 %2 [options]")
+                      .arg(command, synopsis.section(QLatin1Char(':'), 0, 0)))
+        , m_example(QLatin1String(example))
     {
         m_parser.setApplicationDescription(QStringLiteral("corbeth-pack %1 %2").arg(command, synopsis));
         m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
@@ -93,7 +96,10 @@ public:
             return false;
         }
         if (m_parser.isSet(QStringLiteral("help"))) {
-            printLine(stdout, m_parser.helpText());
+            // The command's own usage line, not the program's, and an example to copy.
+            QString text = m_parser.helpText();
+            text.replace(0, text.indexOf(QLatin1Char('\n')), m_usage);
+            printLine(stdout, text + QStringLiteral("\nExample:\n  ") + m_example);
             *exitCode = ExitSuccess;
             return false;
         }
@@ -130,6 +136,8 @@ public:
 
 private:
     QString m_command;
+    QString m_usage;
+    QString m_example;
     QCommandLineParser m_parser;
 };
 
@@ -159,7 +167,9 @@ Vindal::Outcome readPublicKey(const CommandLine &cl, QString *key)
 int create(const QStringList &arguments)
 {
     const QString command = QStringLiteral("create");
-    CommandLine cl(command, QStringLiteral("<folder> -o <package>: packs a folder and writes its \".verify\" companion"));
+    CommandLine cl(command,
+                   QStringLiteral("<folder> -o <package>: packs a folder and writes its \".verify\" companion"),
+                   "corbeth-pack create stage -o myapp-2.1.0.tolmpkg");
     cl.addValue({QStringLiteral("o"), QStringLiteral("output")}, QStringLiteral("The package file to write."),
                 QStringLiteral("package"));
     cl.addValue({QStringLiteral("format")}, QStringLiteral("zstd (tar+zstd, the default), zip, gzip or tar."),
@@ -190,7 +200,9 @@ int create(const QStringList &arguments)
 int publish(const QStringList &arguments)
 {
     const QString command = QStringLiteral("publish");
-    CommandLine cl(command, QStringLiteral("<package>: adds a package to a repository folder and updates its index"));
+    CommandLine cl(command, QStringLiteral("<package>: adds a package to a repository folder and updates its index"),
+                   "corbeth-pack publish myapp-2.1.0.tolmpkg --repo /srv/repo --module myapp --version 2.1.0 "
+                   "--key product.key");
     cl.addValue({QStringLiteral("repo")}, QStringLiteral("The repository folder."), QStringLiteral("folder"));
     cl.addValue({QStringLiteral("module")}, QStringLiteral("The module the package belongs to."), QStringLiteral("name"));
     cl.addValue({QStringLiteral("model-code")},
@@ -236,7 +248,8 @@ int publish(const QStringList &arguments)
 int keygen(const QStringList &arguments)
 {
     const QString command = QStringLiteral("keygen");
-    CommandLine cl(command, QStringLiteral("<name>: writes <name>.key (secret) and <name>.pub (public)"));
+    CommandLine cl(command, QStringLiteral("<name>: writes <name>.key (secret) and <name>.pub (public)"),
+                   "corbeth-pack keygen product");
     int code = ExitSuccess;
     if (!cl.parse(arguments, 1, &code))
         return code;
@@ -253,7 +266,8 @@ int verify(const QStringList &arguments)
     const QString command = QStringLiteral("verify");
     CommandLine cl(command,
                    QStringLiteral("<package>: checks a package against its \".verify\" companion and, with --repo and "
-                                  "--module, against the module's index"));
+                                  "--module, against the module's index"),
+                   "corbeth-pack verify myapp-2.1.0.tolmpkg --repo /srv/repo --module myapp --public-key product.pub");
     cl.addValue({QStringLiteral("repo")}, QStringLiteral("The repository folder."), QStringLiteral("folder"));
     cl.addValue({QStringLiteral("module")}, QStringLiteral("The module in the repository."), QStringLiteral("name"));
     cl.addValue({QStringLiteral("version")}, QStringLiteral("The version to check against (default: the newest)."),
@@ -296,7 +310,8 @@ int verify(const QStringList &arguments)
 int extract(const QStringList &arguments)
 {
     const QString command = QStringLiteral("extract");
-    CommandLine cl(command, QStringLiteral("<package> -C <folder>: unpacks a package safely into a folder"));
+    CommandLine cl(command, QStringLiteral("<package> -C <folder>: unpacks a package safely into a folder"),
+                   "corbeth-pack extract myapp-2.1.0.tolmpkg -C /tmp/check");
     cl.addValue({QStringLiteral("C"), QStringLiteral("directory")}, QStringLiteral("The folder to unpack into."),
                 QStringLiteral("folder"));
     int code = ExitSuccess;
@@ -342,7 +357,9 @@ int fetch(const QStringList &arguments)
     const QString command = QStringLiteral("fetch");
     CommandLine cl(command,
                    QStringLiteral("--server <url> --module <name> -o <folder>: downloads a module's package as the "
-                                  "engine does (resumed, checked)"));
+                                  "engine does (resumed, checked)"),
+                   "corbeth-pack fetch --server https://downloads.example.com/repo/ --module myapp -o /tmp/check "
+                   "--public-key product.pub");
     cl.addValue({QStringLiteral("server")}, QStringLiteral("The repository's base URL (http, https or file)."),
                 QStringLiteral("url"));
     cl.addValue({QStringLiteral("mirror")}, QStringLiteral("A mirror tried when the server fails (repeatable)."),

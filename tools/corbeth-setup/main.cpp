@@ -1,6 +1,8 @@
 // corbeth-setup: the installer window of a product, and its silent form for
 // scripts. It uses the engine only through the public Manager.
+#include "configfile.h"
 #include "exitcodes.h"
+#include "failurecause.h"
 #include "productinfo.h"
 #include "setupoptions.h"
 #include "setuptask.h"
@@ -31,8 +33,6 @@ void printError(const QString &line)
 
 int runSilent(Manager &manager, const ProductInfo &product, const SetupOptions &options, const QString &package)
 {
-    // Without a window nobody can press Cancel.
-    SetupTask::boundRetries(manager, 3);
     if (!options.additions.isEmpty() && !manager.setCurrentAddtions(options.additions)) {
         printError(QStringLiteral("unknown addition among %1 (known: %2)")
                        .arg(options.additions.join(QLatin1Char(',')), product.additions.join(QLatin1Char(','))));
@@ -45,12 +45,13 @@ int runSilent(Manager &manager, const ProductInfo &product, const SetupOptions &
         QCoreApplication::exit(0);
     });
     QObject::connect(&task, &SetupTask::failed, [&](CBEnum::ErrorCode code) {
-        printError(QStringLiteral("%1 failed: %2 (%3)")
+        const QString cause = FailureCause::text();
+        printError(QStringLiteral("%1 failed: %2(%3, %4)")
                        .arg(options.mode == SetupOptions::Uninstall ? QStringLiteral("uninstall")
                             : options.mode == SetupOptions::Update  ? QStringLiteral("update")
                                                                     : QStringLiteral("install"),
-                            keyName(code), options.configFile));
-        exitCode = CorbethExit::fromError(code);
+                            cause.isEmpty() ? QString() : cause + QLatin1Char(' '), keyName(code), options.configFile));
+        exitCode = FailureCause::exitCode(code);
         QCoreApplication::exit(0);
     });
     QObject::connect(&task, &SetupTask::cancelled, [&] {
@@ -87,13 +88,16 @@ int main(int argc, char *argv[])
     std::unique_ptr<QCoreApplication> app;
     if (silent || windowless) {
         app = std::make_unique<QCoreApplication>(argc, argv);
-        QLoggingCategory::setFilterRules(QStringLiteral("corbeth.lib=false"));
+        // The warnings and critical lines are heard: they name a failure's cause.
+        QLoggingCategory::setFilterRules(QStringLiteral("corbeth.lib.debug=false\ncorbeth.lib.info=false"));
+        FailureCause::listen(false);
     } else {
         QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
         QCoreApplication::setAttribute(Qt::AA_UseHighDpiPixmaps);
         QGuiApplication::setHighDpiScaleFactorRoundingPolicy(Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
         app = std::make_unique<QApplication>(argc, argv);
         SetupWindow::captureLog();
+        FailureCause::listen(true);
     }
 
     SetupOptions options;
@@ -112,15 +116,30 @@ int main(int argc, char *argv[])
 
     Manager manager;
     const auto refuse = [&](const QString &what, CBEnum::ErrorCode code) {
-        const QString line = QStringLiteral("%1: %2 (%3)").arg(what, keyName(code), options.configFile);
+        const QString cause = FailureCause::text();
+        const QString line = QStringLiteral("%1: %2(%3, %4)")
+                                 .arg(what, cause.isEmpty() ? QString() : cause + QLatin1Char(' '), keyName(code),
+                                      options.configFile);
         printError(line);
         if (!silent)
             QMessageBox::critical(nullptr, QStringLiteral("corbeth-setup"), line);
-        return CorbethExit::fromError(code);
+        return FailureCause::exitCode(code);
     };
+    int exitCode = CorbethExit::Success;
+    if (const QString problem = ConfigFile::problem(options.configFile, exitCode); !problem.isEmpty()) {
+        printError(problem);
+        if (!silent)
+            QMessageBox::critical(nullptr, QStringLiteral("corbeth-setup"), problem);
+        return exitCode;
+    }
     CBEnum::ErrorCode code = manager.setConfigPath(options.configFile);
     if (code != CBEnum::EC_NoError)
         return refuse(QStringLiteral("the configuration cannot be read"), code);
+    // A program nobody watches must stop on its own, and a window must come
+    // to its error page rather than sit at 0%.
+    SetupTask::boundRetries(manager, 3);
+    for (const QString &warning : FailureCause::takeConfigWarnings())
+        printError(QStringLiteral("warning: ") + warning);
     const ProductInfo product = ProductInfo::fromConfig(manager.configData());
 
     QString package;
@@ -142,5 +161,6 @@ int main(int argc, char *argv[])
     window.show();
     if (window.exec() == QDialog::Accepted)
         return CorbethExit::Success;
-    return window.lastError() != CBEnum::EC_NoError ? CorbethExit::fromError(window.lastError()) : CorbethExit::Cancelled;
+    return window.lastError() != CBEnum::EC_NoError ? FailureCause::exitCode(window.lastError())
+                                                    : CorbethExit::Cancelled;
 }

@@ -2,6 +2,8 @@
 
 #include <QtCore/QDir>
 
+#include <algorithm>
+
 namespace Corbeth {
 
 ProductInfo ProductInfo::fromConfig(const QVariantMap &config)
@@ -22,6 +24,12 @@ ProductInfo ProductInfo::fromConfig(const QVariantMap &config)
         info.installPath = QDir::homePath() + QLatin1Char('/') + info.name;
     info.installPath = QDir::cleanPath(info.installPath);
     info.additions = config.value(QStringLiteral("additions")).toMap().keys();
+    const QVariantMap components = product.value(QStringLiteral("components")).toMap();
+    for (auto it = components.cbegin(); it != components.cend(); ++it) {
+        const QVariantMap component = it.value().toMap();
+        info.components.insert(it.key(), {component.value(QStringLiteral("description")).toString(),
+                                          std::max<qint64>(0, component.value(QStringLiteral("size")).toLongLong())});
+    }
     return info;
 }
 

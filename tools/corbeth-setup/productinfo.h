@@ -1,6 +1,7 @@
 #ifndef CORBETH_SETUP_PRODUCTINFO_H
 #define CORBETH_SETUP_PRODUCTINFO_H
 
+#include <QtCore/QMap>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 #include <QtCore/QVariantMap>
@@ -20,6 +21,13 @@ struct ProductInfo
     QString program;
     QString installPath;
     QStringList additions;
+    // What the components page says about an addition: "product"."components".
+    struct Component
+    {
+        QString description;
+        qint64 size = 0; // bytes; 0 when not given
+    };
+    QMap<QString, Component> components;
 
     static ProductInfo fromConfig(const QVariantMap &config);
     // The program's absolute path in an install folder; empty when none is named.

@@ -1,7 +1,10 @@
 #include "setupwindow.h"
 
+#include "failurecause.h"
+
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
+#include <QtCore/QDirIterator>
 #include <QtCore/QFileInfo>
 #include <QtCore/QLocale>
 #include <QtCore/QMetaEnum>
@@ -25,6 +28,8 @@
 #include <QtWidgets/QStackedWidget>
 #include <QtWidgets/QStyle>
 #include <QtWidgets/QVBoxLayout>
+
+#include <utility>
 
 namespace Corbeth {
 
@@ -183,14 +188,21 @@ SetupWindow::SetupWindow(Manager *manager, const ProductInfo &product, const Set
             text += (text.isEmpty() ? QString() : QStringLiteral(", ")) + tr("%1/s").arg(locale.formattedDataSize(qint64(rate)));
         m_transfer->setText(text);
     });
-    connect(&m_task, &SetupTask::succeeded, this, [this] { showPage(m_finishPage); });
-    connect(&m_task, &SetupTask::failed, this, &SetupWindow::showFailure);
-    connect(&m_task, &SetupTask::cancelled, this, [this] {
-        m_errorText->setText(tr("Setup was cancelled. Files already copied were left in place; "
-                                "Retry starts again and finishes the job."));
-        m_errorKey->clear();
+    connect(&m_task, &SetupTask::succeeded, this, [this] {
+        if (!std::exchange(m_undoing, false)) {
+            showPage(m_finishPage);
+            return;
+        }
+        m_errorText->setText(tr("Setup was cancelled, and what it had placed in %1 was removed.")
+                                 .arg(QDir::toNativeSeparators(installFolder())));
+        m_removePlaced->hide();
         showPage(m_errorPage);
     });
+    connect(&m_task, &SetupTask::failed, this, [this](CBEnum::ErrorCode code) {
+        m_undoing = false;
+        showFailure(code);
+    });
+    connect(&m_task, &SetupTask::cancelled, this, &SetupWindow::showCancelled);
 
     // Sized from the font, so larger fonts and scale factors get a larger window.
     const QFontMetrics metrics(font());
@@ -239,7 +251,12 @@ void SetupWindow::buildWelcome()
         text = tr("This will remove %1 from %2.").arg(name, QDir::toNativeSeparators(installFolder()));
         break;
     }
-    text += QStringLiteral("\n\n") + tr("Click Next to continue, or Cancel to leave setup.");
+    // The welcome page of an update or uninstall is the last before the work:
+    // its button says what it starts.
+    text += QStringLiteral("\n\n")
+        + (m_options.mode == SetupOptions::Uninstall ? tr("Click Uninstall to remove it, or Cancel to leave setup.")
+           : m_options.mode == SetupOptions::Update  ? tr("Click Update to continue, or Cancel to leave setup.")
+                                                     : tr("Click Next to continue, or Cancel to leave setup."));
     m_welcome->layout()->addWidget(wrapped(text, m_welcome));
     static_cast<QVBoxLayout *>(m_welcome->layout())->addStretch(1);
     m_flow << m_welcome;
@@ -312,6 +329,16 @@ void SetupWindow::buildComponents()
         box->setObjectName(QStringLiteral("addition_") + name);
         box->setChecked(!m_options.additionsGiven || m_options.additions.contains(name));
         layout->addWidget(box);
+        const ProductInfo::Component about = m_product.components.value(name);
+        QString text = about.description;
+        if (about.size > 0)
+            text += (text.isEmpty() ? QString() : QStringLiteral(" ")) + tr("(%1)").arg(QLocale().formattedDataSize(about.size));
+        if (!text.isEmpty()) {
+            QLabel *label = wrapped(text, m_componentsPage);
+            label->setObjectName(QStringLiteral("about_") + name);
+            label->setContentsMargins(style()->pixelMetric(QStyle::PM_IndicatorWidth) + 6, 0, 0, 0);
+            layout->addWidget(label);
+        }
         m_additions << box;
     }
     layout->addStretch(1);
@@ -320,8 +347,10 @@ void SetupWindow::buildComponents()
 
 void SetupWindow::buildProgress()
 {
-    m_progressPage = addPage(QStringLiteral("progressPage"),
-                             m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling") : tr("Installing"));
+    const QString title = m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling")
+        : m_options.mode == SetupOptions::Update                    ? tr("Updating")
+                                                                    : tr("Installing");
+    m_progressPage = addPage(QStringLiteral("progressPage"), title);
     auto *layout = static_cast<QVBoxLayout *>(m_progressPage->layout());
     m_stage = wrapped(tr("Preparing\u2026"), m_progressPage);
     m_stage->setObjectName(QStringLiteral("stageLabel"));
@@ -351,7 +380,6 @@ void SetupWindow::buildFinish()
         if (!m_product.program.isEmpty()) {
             m_launch = new QCheckBox(tr("&Start %1").arg(m_product.name), m_finishPage);
             m_launch->setObjectName(QStringLiteral("launchProgram"));
-            m_launch->setChecked(true);
             layout->addWidget(m_launch);
         }
     }
@@ -374,7 +402,19 @@ void SetupWindow::buildError()
     m_retry->setObjectName(QStringLiteral("retryButton"));
     m_saveLog = new QPushButton(tr("&Save log\u2026"), m_errorPage);
     m_saveLog->setObjectName(QStringLiteral("saveLogButton"));
+    // The engine does not roll a cancelled install back: what it placed is
+    // removed by the product's own uninstall steps, when the user asks.
+    m_removePlaced = new QPushButton(tr("Re&move them"), m_errorPage);
+    m_removePlaced->setObjectName(QStringLiteral("removePlacedButton"));
+    m_removePlaced->hide();
+    connect(m_removePlaced, &QPushButton::clicked, this, [this] {
+        m_undoing = true;
+        showPage(m_progressPage);
+        m_bar->setValue(0);
+        m_task.start(SetupTask::Uninstall, installFolder(), QString());
+    });
     row->addWidget(m_retry);
+    row->addWidget(m_removePlaced);
     row->addWidget(m_saveLog);
     row->addStretch(1);
     layout->addLayout(row);
@@ -390,7 +430,11 @@ void SetupWindow::showPage(QWidget *page)
 {
     m_pages->setCurrentWidget(page);
     m_title->setText(page->property("pageTitle").toString());
-    const QString version = m_product.version.isEmpty() ? QString() : QStringLiteral(" ") + m_product.version;
+    // An update installs whatever the repository has now, not the version the
+    // configuration was written for: the header names none then.
+    const QString version = m_product.version.isEmpty() || m_options.mode == SetupOptions::Update
+        ? QString()
+        : QStringLiteral(" ") + m_product.version;
     const QString publisher = m_product.publisher.isEmpty() ? QString() : tr(" by %1").arg(m_product.publisher);
     m_subtitle->setText(m_product.name + version + publisher);
     if (page == m_finishPage) {
@@ -560,10 +604,32 @@ void SetupWindow::startTask()
     m_task.start(kind, path, m_package);
 }
 
+void SetupWindow::showCancelled()
+{
+    // What the cancelled install placed, its download cache aside (a retry resumes from it).
+    const QString folder = installFolder();
+    const QString cache = QDir(folder).filePath(QStringLiteral("arvenorDownloadCache"));
+    int placed = 0;
+    QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (m_options.mode == SetupOptions::Install && it.hasNext())
+        placed += it.next().startsWith(cache + QLatin1Char('/')) ? 0 : 1;
+    m_errorText->setText(placed == 0
+                             ? tr("Setup was cancelled before it placed any file. Retry starts again.")
+                             : tr("Setup was cancelled. %1 it had already placed %2 left in %3, without shortcuts "
+                                  "or an uninstall entry. Remove them, or Retry to finish the job.")
+                                   .arg(placed == 1 ? tr("1 file") : tr("%1 files").arg(placed),
+                                        placed == 1 ? tr("is") : tr("are"), QDir::toNativeSeparators(folder)));
+    m_errorKey->clear();
+    m_removePlaced->setVisible(placed > 0);
+    showPage(m_errorPage);
+}
+
 void SetupWindow::showFailure(CBEnum::ErrorCode code)
 {
     m_lastError = code;
-    m_errorText->setText(sentenceFor(code));
+    m_removePlaced->hide();
+    const QString cause = FailureCause::text();
+    m_errorText->setText(cause.isEmpty() ? sentenceFor(code) : tr("Setup could not finish: %1").arg(cause));
     m_errorKey->setText(tr("Error code: %1 (0x%2)").arg(keyName(code)).arg(quint32(code), 0, 16));
     showPage(m_errorPage);
 }

@@ -56,6 +56,7 @@ private:
     void buildError();
 
     void showPage(QWidget *page);
+    void showCancelled();
     void updateButtons();
     void next();
     void back();
@@ -103,6 +104,9 @@ private:
     QLabel *m_errorText = nullptr;
     QLabel *m_errorKey = nullptr;
     QPushButton *m_retry = nullptr;
+    QPushButton *m_removePlaced = nullptr;
+    // The cancelled install's files are being removed.
+    bool m_undoing = false;
     QPushButton *m_saveLog = nullptr;
 };
 

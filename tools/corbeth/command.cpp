@@ -1,6 +1,8 @@
 #include "command.h"
 
+#include "configfile.h"
 #include "exitcodes.h"
+#include "failurecause.h"
 #include "formatbytes.h"
 
 #include <QtCore/QDir>
@@ -14,6 +16,7 @@
 #include <memory>
 
 using Corbeth::CBEnum;
+using Corbeth::FailureCause;
 using Corbeth::Manager;
 using Corbeth::SetupTask;
 
@@ -94,6 +97,9 @@ QString Command::failure(CBEnum::ErrorCode code)
     const QString package = !m_options.package.isEmpty() ? m_options.package : m_options.from;
     const QString installPath = m_manager.installPath().isEmpty() ? QFileInfo(m_options.config).absoluteFilePath()
                                                                   : m_manager.installPath();
+    // What the engine or the repository client said is more than the code tells.
+    if (const QString cause = FailureCause::text(); !cause.isEmpty())
+        return QStringLiteral("%1 failed: %2").arg(m_options.name, cause);
     switch (code) {
     case CBEnum::EC_Timeout:
     case CBEnum::EC_UnknownNetworkError:
@@ -116,6 +122,14 @@ QString Command::failure(CBEnum::ErrorCode code)
 
 bool Command::configure(bool online)
 {
+    int exitCode = CorbethExit::Success;
+    if (const QString problem = Corbeth::ConfigFile::problem(m_options.config, exitCode); !problem.isEmpty()) {
+        m_reporter->error(exitCode == CorbethExit::fromError(CBEnum::EC_ConfigDataError) ? CBEnum::EC_ConfigDataError
+                                                                                         : CBEnum::EC_FileNotOpen,
+                          problem);
+        finish(exitCode);
+        return false;
+    }
     const CBEnum::ErrorCode loaded = m_manager.setConfigPath(m_options.config);
     const QString file = QFileInfo(m_options.config).absoluteFilePath();
     // A missing plug-in folder gives the same code as a missing file, but the
@@ -131,10 +145,14 @@ bool Command::configure(bool online)
     }
     if (m_options.retryRounds > 0)
         SetupTask::boundRetries(m_manager, m_options.retryRounds);
+    for (const QString &warning : FailureCause::takeConfigWarnings())
+        m_reporter->warning(warning);
     if (!m_options.additions.isEmpty() && !m_manager.setCurrentAddtions(m_options.additions)) {
         m_reporter->error(CBEnum::EC_ConfigDataError,
-                          QStringLiteral("unknown addition among %1 in %2")
-                              .arg(m_options.additions.join(QLatin1Char(',')), m_options.config));
+                          QStringLiteral("unknown addition among %1 in %2 (known: %3)")
+                              .arg(m_options.additions.join(QLatin1Char(',')), m_options.config,
+                                   m_manager.configData().value(QStringLiteral("additions")).toMap().keys().join(
+                                       QLatin1Char(','))));
         finish(CorbethExit::Usage);
         return false;
     }
@@ -162,6 +180,7 @@ bool Command::needInstallPath()
 
 void Command::run()
 {
+    FailureCause::reset();
     const QString &name = m_options.name;
     if (is(name, "verify") || is(name, "search")) {
         runLookup();
@@ -173,6 +192,12 @@ void Command::run()
     } else if (is(name, "patch")) {
         if (!configure(false) || !needInstallPath())
             return;
+        if (m_manager.configData().value(QStringLiteral("updatePatch")).toMap().isEmpty()) {
+            fail(CBEnum::EC_ConfigDataError,
+                 QStringLiteral("patch failed: the configuration %1 has no \"updatePatch\" section")
+                     .arg(QFileInfo(m_options.config).absoluteFilePath()));
+            return;
+        }
         m_phase = Patch;
         const bool ok = m_manager.installPatch();
         if (m_cancelling)
@@ -282,10 +307,14 @@ void Command::onProgress(double percent)
     if (m_phase == Download && m_manager.taskStatus() == CBEnum::TS_Downloading) {
         const qint64 total = std::max<qint64>(0, m_manager.packageSize());
         const qint64 received = qint64(std::clamp(percent, 0.0, 100.0) / 100.0 * double(total));
-        if (!m_transferClock.isValid())
+        // A resumed download starts with what an earlier run received: the
+        // rate counts only what arrives from now on.
+        if (!m_transferClock.isValid()) {
             m_transferClock.start();
+            m_transferBase = received;
+        }
         const double seconds = m_transferClock.elapsed() / 1000.0;
-        m_reporter->transfer(received, total, seconds > 0.2 ? double(received) / seconds : 0.0);
+        m_reporter->transfer(received, total, seconds > 0.2 ? double(received - m_transferBase) / seconds : 0.0);
     }
 }
 
@@ -356,7 +385,7 @@ void Command::fail(CBEnum::ErrorCode code, const QString &message)
     if (m_done)
         return;
     m_reporter->error(code, message);
-    finish(CorbethExit::fromError(code));
+    finish(FailureCause::exitCode(code));
 }
 
 void Command::finish(int exitCode)

@@ -69,6 +69,7 @@ private:
     Phase m_phase = Idle;
     Corbeth::CBEnum::ErrorCode m_syncError = Corbeth::CBEnum::EC_NoError;
     QElapsedTimer m_transferClock;
+    qint64 m_transferBase = 0;
     bool m_cancelling = false;
     bool m_done = false;
 };

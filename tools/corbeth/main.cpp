@@ -3,6 +3,7 @@
 // product maker's own client would. docs/cli.md describes every command.
 #include "command.h"
 #include "exitcodes.h"
+#include "failurecause.h"
 #include "reporter.h"
 
 #include <QtCore/QCommandLineParser>
@@ -210,8 +211,10 @@ int main(int argc, char *argv[])
         return CorbethExit::Success;
 
     // The engine's log lines go to standard error, and only when asked for.
+    // The warnings and critical lines are always heard: they name the cause of a failure.
     QLoggingCategory::setFilterRules(verbose ? QStringLiteral("corbeth.lib.debug=true")
-                                             : QStringLiteral("corbeth.lib=false"));
+                                             : QStringLiteral("corbeth.lib.debug=false\ncorbeth.lib.info=false"));
+    Corbeth::FailureCause::listen(verbose);
 
     Reporter reporter(Reporter::pick(json));
     Command command(options, &reporter);

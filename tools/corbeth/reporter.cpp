@@ -134,25 +134,30 @@ void Reporter::drawBar(bool force)
     if (!force && m_lastDraw >= 0 && now - m_lastDraw < kRedrawMs)
         return;
     m_lastDraw = now;
-    QString tail = QStringLiteral(" %1% %2").arg(int(std::max(0.0, m_percent)), 3).arg(stageLabel());
+    QStringList parts{QStringLiteral(" %1% %2").arg(int(std::max(0.0, m_percent)), 3).arg(stageLabel())};
     if (m_status == CBEnum::TS_Downloading && m_received >= 0 && m_total > 0) {
-        tail += QStringLiteral("  %1 / %2").arg(formatBytes(m_received), formatBytes(m_total));
+        parts << QStringLiteral("  %1 / %2").arg(formatBytes(m_received), formatBytes(m_total));
         if (m_rate > 0)
-            tail += QStringLiteral("  %1/s  %2 s left")
-                        .arg(formatBytes(qint64(m_rate)))
-                        .arg(int(std::ceil(double(m_total - m_received) / m_rate)));
+            parts << QStringLiteral("  %1/s").arg(formatBytes(qint64(m_rate)))
+                  << QStringLiteral("  %1 s left").arg(int(std::ceil(double(m_total - m_received) / m_rate)));
     }
     const int width = terminalWidth(stderr) - 1;
     // A third of the line at most, the same in every frame so the bar does not
-    // jump when the figures beside it grow; the line is cut to the width.
+    // jump when the figures beside it grow. Figures that do not fit beside it
+    // are left out whole, never cut mid-word.
     const int barWidth = std::min(40, (width - 2) / 3);
     QString line;
-    if (barWidth >= 10) {
+    if (barWidth >= 10 && barWidth + 2 + parts.first().size() <= width) {
         const int filled = int(barWidth * std::max(0.0, m_percent) / 100);
         line = QLatin1Char('[') + QString(filled, QLatin1Char('#')) + QString(barWidth - filled, QLatin1Char('-'))
             + QLatin1Char(']');
     }
-    line += tail;
+    line += parts.takeFirst();
+    for (const QString &part : qAsConst(parts)) {
+        if (line.size() + part.size() > width)
+            break;
+        line += part;
+    }
     line.truncate(width);
     // \r to the line's start and \033[K clears what a longer line left behind.
     std::fprintf(stderr, "\r%s\033[K", line.toLocal8Bit().constData());
@@ -200,6 +205,17 @@ void Reporter::info(const QString &text, const QJsonObject &data)
     endBar();
     std::fprintf(stdout, "%s\n", qPrintable(text));
     std::fflush(stdout);
+}
+
+void Reporter::warning(const QString &text)
+{
+    if (m_mode == Json) {
+        emitJson({{QStringLiteral("event"), QStringLiteral("warning")}, {QStringLiteral("text"), text}});
+        return;
+    }
+    endBar();
+    std::fprintf(stderr, "corbeth: warning: %s\n", qPrintable(text));
+    std::fflush(stderr);
 }
 
 void Reporter::summary(const QString &command, int exitCode, const QString &outcome)

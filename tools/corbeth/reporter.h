@@ -28,6 +28,7 @@ public:
     void signal(const QString &name);
     void error(qint32 code, const QString &message);
     void info(const QString &text, const QJsonObject &data = QJsonObject());
+    void warning(const QString &text);
     void summary(const QString &command, int exitCode, const QString &outcome);
 
     static QString statusName(uint status);

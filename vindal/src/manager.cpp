@@ -65,7 +65,7 @@ void ManagerPrivate::applyNetworkSettings()
 
 Reply *ManagerPrivate::refuse(Error::ErrorCode code, const QString &message)
 {
-    qCWarning(lcVindal) << "request refused:" << message;
+    qCWarning(lcVindal).noquote() << "request refused:" << errorKey(code) << message;
     auto *reply = new Reply;
     ReplyPrivate::channel(reply)->finishLater(q, code, message);
     return reply;
@@ -220,7 +220,7 @@ void Manager::loadOfflinePackage(Reply *reply, const QString &packageFile, const
             result.insert(QStringLiteral("bytesTotal"), QFileInfo(packageFile).size());
         } else {
             result.insert(QStringLiteral("entry"), outcome.subject);
-            qCWarning(lcVindal) << "unpacking failed:" << outcome.message;
+            qCWarning(lcVindal).noquote() << "unpacking failed:" << errorKey(outcome.code) << outcome.message;
         }
         channel->clearAbortHandler();
         channel->finish(outcome.code, result, outcome.message);

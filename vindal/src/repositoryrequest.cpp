@@ -258,7 +258,7 @@ void RepositoryRequest::finish(const Outcome &outcome, const QVariant &result)
     m_job = nullptr;
     m_channel->clearAbortHandler();
     if (!outcome)
-        qCWarning(lcVindal) << "request failed:" << outcome.message;
+        qCWarning(lcVindal).noquote() << "request failed:" << errorKey(outcome.code) << outcome.message;
     m_channel->finish(outcome.code, result, outcome.message);
     deleteLater();
 }
