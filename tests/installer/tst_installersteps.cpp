@@ -8,6 +8,7 @@
 
 #include "logcapture.h"
 #include "testmain.h"
+#include "testplatform.h"
 #include "testproduct.h"
 
 #include <QtCore/QDirIterator>
@@ -20,10 +21,6 @@
 #include <optional>
 #include <thread>
 
-#include <fcntl.h>
-
-#include <sys/resource.h>
-#include <unistd.h>
 
 using namespace Corbeth;
 using namespace TestProduct;
@@ -49,23 +46,6 @@ ProcessHelper helperItem(ErrorLevel level, const QStringList &args, int timeout 
     return {level, testHelperPath(), args, extra, 0, timeout};
 }
 
-// While it lives, writing a file beyond bytes fails as on a full disk (EFBIG)
-// instead of ending the process with SIGXFSZ.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_old);
-        const rlimit limit{bytes, m_old.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &m_old); }
-
-private:
-    rlimit m_old{};
-};
 
 } // namespace
 
@@ -126,6 +106,8 @@ private slots:
         item.pair = {"${installPath}/"_s + src, "${installPath}/"_s + dest};
         item.level = static_cast<ErrorLevel>(level);
         QFETCH(int, sizeLimit);
+        if (sizeLimit && !FileSizeLimit::isSupported())
+            QSKIP("no per-process file size limit to stand in for a full disk here");
         QDir().mkpath(path("out"_s));
         if (sizeLimit)
             writeFile(path("out/old.txt"_s), "old");
@@ -273,6 +255,8 @@ private slots:
     {
         QFETCH(bool, tool);
         QFETCH(int, tries);
+        if (!canExchangePaths())
+            QSKIP("no atomic exchange of two paths to race the removal with here");
         const QString product = path("product"_s);
         const QString precious = path("victim/precious"_s);
         writeFile(precious, "mine");
@@ -285,7 +269,7 @@ private slots:
             std::atomic<bool> stop{false};
             std::thread swapper([&] {
                 while (!stop)
-                    ::renameat2(AT_FDCWD, folder.constData(), AT_FDCWD, link.constData(), RENAME_EXCHANGE);
+                    exchangePaths(folder, link);
             });
             if (tool) {
                 QFile::remove(path("cleanup"_s));
@@ -317,7 +301,7 @@ private slots:
         QVERIFY(writeFile(kept, "keep"));
         if (link)
             QVERIFY(QFile::link(path("outside"_s), cache));
-        else if (::geteuid() != 0 || ::chown(QFile::encodeName(cache).constData(), 65534, 65534) != 0)
+        else if (!giveToNobody(cache))
             QSKIP("giving a folder to another user needs root");
         m_installer.removeUpdateDir();
         DownloadCache::clean(m_dir.path(), "app"_s);

@@ -55,7 +55,7 @@ private slots:
                                   "[ -e \"$f.txt\" ] && cat \"$f.txt\"\n"
                                   "exit 0\n"));
         QVERIFY(QFile::setPermissions(script, QFile::ReadOwner | QFile::ExeOwner));
-        qputenv("PATH", QFile::encodeName(m_fake.path()) + ':' + qgetenv("PATH"));
+        qputenv("PATH", QFile::encodeName(QDir::toNativeSeparators(m_fake.path()) + QDir::listSeparator()) + qgetenv("PATH"));
     }
 
     void init()

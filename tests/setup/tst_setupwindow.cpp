@@ -7,6 +7,7 @@
 
 #include "packtool.h"
 #include "sandbox.h"
+#include "testplatform.h"
 
 #include <QtCore/QProcess>
 #include <QtCore/QSettings>
@@ -23,8 +24,6 @@
 #include <QtWidgets/QProgressBar>
 #include <QtWidgets/QPushButton>
 #include <QtWidgets/QStackedWidget>
-
-#include <unistd.h>
 
 using namespace Corbeth;
 using namespace VindalTest;
@@ -109,7 +108,7 @@ struct ReadOnlyFolder
     {
         QDir().mkpath(path);
         QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup);
-        if (geteuid() == 0)
+        if (runsAsRoot())
             immutable = QProcess::execute(QStringLiteral("chattr"), {QStringLiteral("+i"), path}) == 0;
     }
     ~ReadOnlyFolder()

@@ -12,7 +12,6 @@
 #include <archive_entry.h>
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <clocale>
 #include <memory>
@@ -69,7 +68,10 @@ bool writeArchive(const QString &path, Kind kind, const QList<Entry> &entries)
         if (!e.hardlink.isEmpty())
             archive_entry_copy_hardlink(entry.get(), e.hardlink.constData());
         if (e.type == AE_IFCHR)
-            archive_entry_set_rdev(entry.get(), makedev(1, 3));
+            {
+            archive_entry_set_rdevmajor(entry.get(), 1);
+            archive_entry_set_rdevminor(entry.get(), 3);
+        }
         archive_entry_set_size(entry.get(), e.type == AE_IFREG && e.hardlink.isEmpty() ? (e.zeros ? e.zeros : e.data.size()) : 0);
         if (archive_write_header(a.get(), entry.get()) != ARCHIVE_OK)
             return false;

@@ -1,0 +1,48 @@
+#ifndef CORBETH_TEST_TESTPLATFORM_H
+#define CORBETH_TEST_TESTPLATFORM_H
+
+#include <QtCore/QtGlobal>
+
+#include <memory>
+
+// What the tests need of the operating system beside Qt
+// (testplatform_unix.cpp, testplatform_win.cpp).
+
+// The process has ended (on Unix also: a zombie nobody reaps).
+bool processEnded(qint64 pid);
+
+// This process runs as root (Unix); never on Windows, where the tests that
+// need another user are skipped.
+bool runsAsRoot();
+
+// Gives a file to the user "nobody"; false where that needs root and this is not.
+bool giveToNobody(const QString &path);
+
+// Interrupts a program as Ctrl+C in its terminal does (SIGINT); false where
+// that cannot be done.
+bool interruptProcess(qint64 pid);
+
+// Called in a child process before it runs its program: makes it the user
+// "nobody", or ends it with 126. Unix only.
+void becomeNobody();
+
+// Exchanges two paths in one step (renameat2 RENAME_EXCHANGE); Linux only,
+// canExchangePaths() says whether it exists here.
+bool canExchangePaths();
+void exchangePaths(const QByteArray &first, const QByteArray &second);
+
+// While it lives, writing a file beyond a size fails as on a full disk.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(qint64 bytes);
+    ~FileSizeLimit();
+    // Whether this system can set such a limit (Windows cannot).
+    static bool isSupported();
+
+private:
+    struct Old;
+    std::unique_ptr<Old> m_old;
+};
+
+#endif

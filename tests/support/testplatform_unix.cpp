@@ -1,0 +1,73 @@
+#include "testfiles.h"
+#include "testplatform.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+bool processEnded(qint64 pid)
+{
+    if (::kill(pid_t(pid), 0) != 0)
+        return true;
+    // A zombie that nobody reaps in a container without an init.
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const int close = stat.lastIndexOf(')');
+    return close > 0 && stat.mid(close + 2, 1) == "Z";
+}
+
+bool runsAsRoot()
+{
+    return ::geteuid() == 0;
+}
+
+bool giveToNobody(const QString &path)
+{
+    return ::geteuid() == 0 && ::chown(QFile::encodeName(path).constData(), 65534, 65534) == 0;
+}
+
+bool interruptProcess(qint64 pid)
+{
+    return ::kill(pid_t(pid), SIGINT) == 0;
+}
+
+void becomeNobody()
+{
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+        ::_exit(126);
+}
+
+struct FileSizeLimit::Old
+{
+    rlimit limit{};
+};
+
+// Beyond the limit a write fails (EFBIG) instead of ending the process with SIGXFSZ.
+FileSizeLimit::FileSizeLimit(qint64 bytes) : m_old(new Old)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &m_old->limit);
+    const rlimit limit{rlim_t(bytes), m_old->limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+FileSizeLimit::~FileSizeLimit()
+{
+    setrlimit(RLIMIT_FSIZE, &m_old->limit);
+}
+
+bool FileSizeLimit::isSupported()
+{
+    return true;
+}
+
+bool canExchangePaths()
+{
+    return true;
+}
+
+void exchangePaths(const QByteArray &first, const QByteArray &second)
+{
+    ::renameat2(AT_FDCWD, first.constData(), AT_FDCWD, second.constData(), RENAME_EXCHANGE);
+}
