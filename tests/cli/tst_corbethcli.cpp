@@ -103,8 +103,10 @@ class tst_CorbethCli : public QObject
             process.kill();
             process.waitForFinished();
         }
+        // (Windows ends a line with CR LF.)
         return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                process.readAllStandardOutput(), QString::fromLocal8Bit(process.readAllStandardError())};
+                process.readAllStandardOutput().replace("\r\n", "\n"),
+                QString::fromLocal8Bit(process.readAllStandardError().replace("\r\n", "\n"))};
     }
 
     // A fresh repository with the package as 1.0.0 and a configuration for it
