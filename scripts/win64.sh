@@ -40,7 +40,7 @@ cat >"$build/wine-run.sh" <<EOF
 #!/bin/sh
 # Runs a Windows program of this build under Wine (written by scripts/win64.sh).
 export WINEPREFIX="$build/wineprefix" WINEDEBUG=\${WINEDEBUG:--all} WINEDLLOVERRIDES="mscoree,mshtml="
-export WINEPATH="$build/bin;$sdk/bin;$gccdlls;/usr/x86_64-w64-mingw32/lib"
+export WINEPATH="$build/src;$build/vindal;$sdk/bin;$gccdlls;/usr/x86_64-w64-mingw32/lib"
 export QT_PLUGIN_PATH="$sdk/plugins"
 case "\$1" in
 */tst_*.exe) ;;
@@ -61,8 +61,7 @@ export PKG_CONFIG_LIBDIR="$sdk/lib/pkgconfig" PKG_CONFIG_PATH=""
 cmake -S . -B "$build" -G Ninja -DCORBETH_WERROR=ON -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-w64-x86_64.cmake" \
     -DCMAKE_FIND_ROOT_PATH="$sdk" -DCMAKE_PREFIX_PATH="$sdk" \
-    -DCMAKE_CROSSCOMPILING_EMULATOR="$build/wine-run.sh" \
-    -DCMAKE_RUNTIME_OUTPUT_DIRECTORY="$build/bin" >"$build/configure.log" \
+    -DCMAKE_CROSSCOMPILING_EMULATOR="$build/wine-run.sh" >"$build/configure.log" \
     || { tail -30 "$build/configure.log"; exit 1; }
 cmake --build "$build" -- -j"${CORBETH_WIN64_JOBS:-$(nproc)}"
 [ "${CORBETH_WIN64_BUILD_ONLY:-}" = 1 ] && exit 0

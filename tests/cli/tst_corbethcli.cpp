@@ -156,7 +156,6 @@ private slots:
         const QString config = configure(name, served, QString(), &folder);
         QVERIFY(!config.isEmpty());
         const QString inst = path(name + "/inst"_s);
-        const QSettings recorded(store.path() + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat);
         const auto step = [&](const QStringList &arguments) {
             const Run run = corbeth(arguments + QStringList{"--config"_s, config, "--json"_s});
             QString why;
@@ -170,7 +169,8 @@ private slots:
         QVERIFY(step({"install"_s, "--path"_s, inst, "--addition"_s, "samples"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
         QCOMPARE(QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget(), inst + "/bin/demo"_s);
-        QCOMPARE(QSettings(recorded.fileName(), QSettings::IniFormat).value("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), inst);
+        // Written with native separators, as every setting value is.
+        QCOMPARE(storedUserSetting("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), QDir::toNativeSeparators(inst));
         QVERIFY(!QFile::exists(inst + "/arvenorDownloadCache"_s));
 
         // Version 2 differs in the file the update copies; the install folder
@@ -192,7 +192,7 @@ private slots:
         QVERIFY(step({"uninstall"_s}));
         QVERIFY(!QFile::exists(inst));
         QVERIFY(!QFileInfo(path("links/Demo.lnk"_s)).isSymLink());
-        QVERIFY(!QSettings(recorded.fileName(), QSettings::IniFormat).contains("SOFTWARE/Corbeth/CliTest/installPath"_s));
+        QVERIFY(!storedUserSetting("SOFTWARE/Corbeth/CliTest/installPath"_s).isValid());
     }
 
     void failures_data()

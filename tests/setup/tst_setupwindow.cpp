@@ -146,11 +146,7 @@ class tst_SetupWindow : public QObject
         QVERIFY(window.grab().save(m_pictures + QLatin1Char('/') + name + ".png"_s));
     }
 
-    static QVariant storedInstallPath()
-    {
-        QSettings store(qEnvironmentVariable("CORBETH_SETTINGS_ROOT") + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat);
-        return store.value("SOFTWARE/Arvenor/Demo/installPath"_s);
-    }
+    static QVariant storedInstallPath() { return storedUserSetting("SOFTWARE/Arvenor/Demo/installPath"_s); }
 
     // Welcome, licence, folder and components, leaving the wizard on the progress page.
     void walkToInstall(SetupWindow &window, const QString &folder, bool pictures)
@@ -254,7 +250,7 @@ private slots:
         QCOMPARE(readFile(folder + "/bin/demo"_s), QByteArray("demo 1.0"));
         QCOMPARE(readFile(folder + "/sample.txt"_s), QByteArray("sample"));
         QCOMPARE(QFileInfo(path("links/Demo.lnk"_s)).symLinkTarget(), folder + "/bin/demo"_s);
-        QCOMPARE(storedInstallPath().toString(), folder);
+        QCOMPARE(storedInstallPath().toString(), QDir::toNativeSeparators(folder));
         QVERIFY(!QFileInfo::exists(folder + "/arvenorDownloadCache"_s));
 
         // The uninstall finds the folder through the settings store.

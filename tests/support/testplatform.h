@@ -1,12 +1,17 @@
 #ifndef CORBETH_TEST_TESTPLATFORM_H
 #define CORBETH_TEST_TESTPLATFORM_H
 
-#include <QtCore/QtGlobal>
+#include <QtCore/QVariant>
 
 #include <memory>
 
 // What the tests need of the operating system beside Qt
 // (testplatform_unix.cpp, testplatform_win.cpp).
+
+// The value the engine stored under key ("SOFTWARE/.../name") in
+// HKEY_CURRENT_USER: on Windows the registry, elsewhere the sandbox's file.
+// Invalid when absent.
+QVariant storedUserSetting(const QString &key);
 
 // The process has ended (on Unix also: a zombie nobody reaps).
 bool processEnded(qint64 pid);

@@ -1,11 +1,19 @@
 #include "testfiles.h"
 #include "testplatform.h"
 
+#include <QtCore/QSettings>
+
 #include <csignal>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+QVariant storedUserSetting(const QString &key)
+{
+    const QString file = qEnvironmentVariable("CORBETH_SETTINGS_ROOT") + QStringLiteral("/HKEY_CURRENT_USER.ini");
+    return QSettings(file, QSettings::IniFormat).value(key);
+}
 
 bool processEnded(qint64 pid)
 {

@@ -1,6 +1,13 @@
 #include "testplatform.h"
 
+#include <QtCore/QSettings>
+
 #include <windows.h>
+
+QVariant storedUserSetting(const QString &key)
+{
+    return QSettings(QStringLiteral("HKEY_CURRENT_USER"), QSettings::NativeFormat).value(key);
+}
 
 bool processEnded(qint64 pid)
 {

@@ -452,7 +452,7 @@ private slots:
 
         // The lock of a process that died is taken over.
         QProcess gone;
-        gone.start("true"_s, QStringList());
+        gone.start(testHelperPath(), {"--exit"_s, "0"_s});
         QVERIFY(gone.waitForStarted(30000));
         const qint64 pid = gone.processId();
         QVERIFY(gone.waitForFinished(30000));
