@@ -48,11 +48,13 @@ case "\$1" in
 esac
 # Qt Test writes its plain output to the debugger, not to a standard output
 # that has no console (as under Wine): it goes to a file, printed afterwards.
+# So does everything else the program prints: a program it left running must
+# not hold ctest's pipe open.
 out=\$(mktemp)
-"$wine" "\$@" -o "\$out,txt"
+"$wine" "\$@" -o "\$out,txt" >"\$out.log" 2>&1
 rc=\$?
-cat "\$out"
-rm -f "\$out"
+cat "\$out.log" "\$out"
+rm -f "\$out" "\$out.log"
 exit \$rc
 EOF
 chmod +x "$build/wine-run.sh"
@@ -78,7 +80,8 @@ set +e
 ctest --test-dir "$build" --output-on-failure -V -j"$(nproc)" "$@" >"$log" 2>&1
 rc=$?
 set -e
-WINEPREFIX="$build/wineprefix" "$wineserver" -w || true
+# Ends what the tests left running in the prefix (Wine's own services too).
+WINEPREFIX="$build/wineprefix" "$wineserver" -k || true
 grep -E '^[0-9]+: Totals:|tests passed|Total Test time' "$log" | sed 's/^[0-9]*: //' || true
 grep -E '^[0-9]+: (FAIL!|SKIP )' -A1 "$log" | sed 's/^[0-9]*: //' | grep -v '^--$' || true
 grep -E '^[0-9]+: Totals:' "$log" | awk '{p += $3; f += $5; s += $7}

@@ -2,6 +2,7 @@
 // engine reads it as docs/configuration.md describes.
 #include "logcapture.h"
 #include "testmain.h"
+#include "testplatform.h"
 
 #include "config/configer.h"
 #include "installer/installer.h"
@@ -30,10 +31,7 @@ private slots:
                                QStringLiteral("dataPath"), m_dir.filePath(QStringLiteral("Shared")));
         LogCapture log;
         const CBEnum::ErrorCode loaded = PtrManager::instance()->configer()->setConfigPath(QStringLiteral(CORBETH_EXAMPLE_CONFIG));
-        // Wine runs every program elevated and gives every file to the user:
-        // an elevated engine refuses plug-ins someone else could replace.
-        if (loaded == CBEnum::EC_FileNotOpen && log.contains(QStringLiteral("plugin dir refused"), QtCriticalMsg))
-            QSKIP("elevated, the engine refuses plug-ins owned by the user (under Wine all files are)");
+        CORBETH_SKIP_IF_PLUGINS_REFUSED(loaded, log);
         QCOMPARE(loaded, CBEnum::EC_NoError);
         const char *const faults[] = {"erorr", "cutfiles error", "configdata error", "config fail",
                                       "customtag fail", "settingPath or empty", "plugin dir not exist",

@@ -5,6 +5,7 @@
 
 #include "logcapture.h"
 #include "testmain.h"
+#include "testplatform.h"
 #include "testproduct.h"
 
 #include <QtCore/QTemporaryDir>
@@ -297,8 +298,8 @@ private slots:
             leaveChild("%1|%2|%3|%4"_s.arg(uninstalled).arg(patched).arg(logs.count("clear runing exe fail"_s))
                            .arg(m_events.join(QLatin1Char(','))));
         }
-        if (!SKGlobal::instance()->isProcessElevated())
-            QSKIP("needs to start a process that the engine, run as another user, cannot end");
+        if (!runsAsRoot())
+            QSKIP("needs root, to run the engine as another user that cannot end this process");
         const QString helper = uniqueHelper(QDir::tempPath(), "unclosable"_s);
         QProcess unclosable;
         unclosable.start(helper, {"--sleep"_s, "60000"_s});
@@ -349,7 +350,7 @@ private:
         child.start(asNobody ? "setpriv"_s : args.takeFirst(), args);
         if (!child.waitForFinished(90000))
             child.kill();
-        const QByteArray output = child.readAllStandardOutput();
+        const QByteArray output = child.readAllStandardOutput().replace("\r\n", "\n"); // (CR LF on Windows)
         const int at = output.indexOf("RESULT ");
         return QString::fromUtf8(at < 0 ? output : output.mid(at + 7, output.indexOf('\n', at) - at - 7));
     }

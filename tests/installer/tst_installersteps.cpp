@@ -356,7 +356,9 @@ private slots:
         const QVariantMap record
             = global->settingValue("HKEY_CURRENT_USER\\SOFTWARE\\Arvenor\\TolmInstaller"_s, "UninstallObj"_s).toMap();
         QCOMPARE(record.keys(), (QStringList{root.mid(5) + "\\Demo"_s, root.mid(8) + "\\DemoTwo"_s}));
-        QCOMPARE(record.value(root.mid(5) + "\\Demo"_s).toMap().value("tolmInstallPath"_s).toString(), command);
+        // The record keeps the command with forward slashes.
+        QCOMPARE(record.value(root.mid(5) + "\\Demo"_s).toMap().value("tolmInstallPath"_s).toString(),
+                 QDir::fromNativeSeparators(command));
     }
 
     void splitArguments_data()
@@ -468,7 +470,8 @@ private slots:
         QFETCH(QStringList, drivers);
         QFETCH(QString, log);
 #ifdef Q_OS_WIN
-        QSKIP("drivers are listed by pnputil, which Wine does not have");
+        if (QTest::currentDataTag() == QByteArray("device file") || QTest::currentDataTag() == QByteArray("device pattern"))
+            QSKIP("drivers are found in pnputil's listing, and Wine has no pnputil");
 #endif
         configure(R"({"driverIdentification": {"turntable": {"linux": ["/dev/null"], "windows": ["nul"]},
             "3DCamera": ["/dev/nul*"], "vimba": ["no_such_module_anywhere"], "3W": []}})");

@@ -50,4 +50,13 @@ private:
     std::unique_ptr<Old> m_old;
 };
 
+// Wine runs every program elevated and gives every file to the user, and an
+// elevated engine refuses plug-ins its user could replace: skips the test
+// when loading them failed with that refusal.
+#define CORBETH_SKIP_IF_PLUGINS_REFUSED(result, log)                                                   \
+    do {                                                                                           \
+        if ((result) == CBEnum::EC_FileNotOpen && (log).contains(QStringLiteral("plugin dir refused"))) \
+            QSKIP("elevated, the engine refuses plug-ins owned by the user (under Wine all files are)"); \
+    } while (0)
+
 #endif

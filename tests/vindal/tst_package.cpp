@@ -170,7 +170,9 @@ private slots:
         });
         QVERIFY2(extracted, qPrintable(extracted.message));
         QCOMPARE(snapshot(out), snapshot(src));
+#ifndef Q_OS_WIN // (where the name alone makes a program)
         QVERIFY(QFileInfo(out + "/bin/app"_s).isExecutable());
+#endif
         QVERIFY(reports.size() > 2);
         QCOMPARE(reports.last(), qMakePair(size, size));
         for (int i = 1; i < reports.size(); ++i)
@@ -265,6 +267,7 @@ private slots:
         QCOMPARE(int(outcome.code), code);
         if (entry == "*"_s) // the first entry over the cap
             entry = outcome.subject;
+        entry = QDir::fromNativeSeparators(entry); // a backslash separates on Windows
         QCOMPARE(outcome.subject, entry);
         QVERIFY2(outcome.message.contains(entry), qPrintable(outcome.message));
         // Nothing outside the target changed; inside it, at most the harmless
@@ -327,6 +330,9 @@ private slots:
 
     void linksReplacedAndSetuidAndSharedWriteDropped()
     {
+#ifdef Q_OS_WIN
+        QSKIP("Unix modes and symbolic links");
+#endif
         // A link already in the target is replaced, not followed.
         const QString sentinel = path("outside/sentinel.txt"_s);
         const QString target = path("target"_s);
@@ -399,7 +405,9 @@ private slots:
         const QString publicKey = keys.subject;
         const QByteArray secret = readFile(path("maker.key"_s));
         QCOMPARE(readFile(path("maker.pub"_s)).trimmed(), publicKey.toLatin1());
+#ifndef Q_OS_WIN // (no such permissions: access lists keep the key)
         QCOMPARE(QFileInfo(path("maker.key"_s)).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFileDevice::Permissions());
+#endif
         // A second keygen under the same name never overwrites the secret key.
         QCOMPARE(Repository::keygen(path("maker"_s)).code, Error::ConfigError);
         QCOMPARE(readFile(path("maker.key"_s)), secret);
