@@ -461,8 +461,13 @@ private slots:
         QVERIFY(writeFile(path("taken.tolmpkg"_s), "first"));
         QVERIFY(Repository::publish(path("taken.tolmpkg"_s), m_repo, "app"_s, "1.0"_s));
         const auto before = snapshot(m_repo);
-        if (file != "missing.tolmpkg"_s)
-            QVERIFY(writeFile(path(file), "second"));
+        // (Windows has no file of a device's name or with a line break: there
+        // the name alone is refused.)
+        if (file != "missing.tolmpkg"_s && !writeFile(path(file), "second")) {
+#ifndef Q_OS_WIN
+            QFAIL("the package cannot be written");
+#endif
+        }
 
         const Outcome outcome = Repository::publish(path(file), m_repo, module, version);
         QCOMPARE(int(outcome.code), code);
