@@ -13,6 +13,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <clocale>
 #include <memory>
 
@@ -264,6 +265,16 @@ private slots:
         const auto before = outsideTarget();
 
         const Outcome outcome = Package::extract(package, target);
+#ifdef Q_OS_WIN
+        // Windows lets few accounts make symbolic links: without the right a
+        // link entry stops the unpacking as a write error, before anything
+        // can go through it.
+        if (outcome.code == Error::DiskFull
+            && std::any_of(entries.cbegin(), entries.cend(), [](const Entry &e) { return e.type == AE_IFLNK; })) {
+            QCOMPARE(outsideTarget(), before);
+            return;
+        }
+#endif
         QCOMPARE(int(outcome.code), code);
         if (entry == "*"_s) // the first entry over the cap
             entry = outcome.subject;
