@@ -5,14 +5,13 @@
 //
 // Prints "<seconds> <peak resident KiB>" on standard output.
 #include "installer/installer.h"
+#include "peakmemory.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QLoggingCategory>
 
 #include <cstdio>
-
-#include <sys/resource.h>
 
 using namespace Corbeth;
 
@@ -40,8 +39,6 @@ int main(int argc, char *argv[])
         return 2;
     }
     const double seconds = timer.nsecsElapsed() / 1e9;
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    std::printf("%.3f %ld\n", seconds, usage.ru_maxrss);
+    std::printf("%.3f %lld\n", seconds, peakMemoryKiB());
     return 0;
 }

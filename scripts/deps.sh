@@ -10,7 +10,7 @@ packages=(
     libarchive-dev libsodium-dev libssl-dev
     nginx-light openssl
     libarchive-tools zstd curl
-    g++-mingw-w64-x86-64-posix wine64
+    g++-mingw-w64-x86-64-posix wine64 xz-utils
     # The fuzz targets: clang with libFuzzer and its sanitizer runtimes (GCC's
     # own runtimes for the sanitizer builds come with build-essential).
     clang libclang-rt-dev

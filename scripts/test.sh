@@ -2,8 +2,9 @@
 # Installs what is missing, builds everything and runs every test.
 # Under CI (CI=true, as CI starts .ci/run) it goes on with the checks that
 # take build trees of their own (docs/testing.md): the whole suite under
-# AddressSanitizer and UndefinedBehaviorSanitizer, and every fuzz target for
-# 60 s.
+# AddressSanitizer and UndefinedBehaviorSanitizer, every fuzz target for
+# 60 s, and the Windows x64 cross build with its suite under Wine
+# (scripts/win64.sh, docs/platforms.md).
 # Usage: scripts/test.sh [ctest arguments...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -24,6 +25,7 @@ stage() {
 echo "== normal tree: $SECONDS s"
 stage scripts/sanitize.sh "$@"
 stage bench/fuzz.sh 60
+stage scripts/win64.sh
 # scripts/tsan.sh is not run here: with Debian's uninstrumented Qt,
 # ThreadSanitizer cannot see Qt's own locking and reports every queued call
 # as a race (docs/testing.md).

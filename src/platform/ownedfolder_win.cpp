@@ -12,19 +12,28 @@ namespace Corbeth {
 
 namespace {
 
-// The owner this process gives what it creates: the user, or the
-// administrators when it runs elevated.
+// Whether sid is the token's user or owner (kind TokenUser or TokenOwner:
+// both records begin with the SID's pointer).
+bool tokenSidIs(HANDLE token, TOKEN_INFORMATION_CLASS kind, PSID sid)
+{
+    DWORD size = 0;
+    GetTokenInformation(token, kind, nullptr, 0, &size);
+    std::unique_ptr<char[]> buffer(new char[size ? size : 1]);
+    return size && GetTokenInformation(token, kind, buffer.get(), size, &size)
+        && EqualSid(sid, *reinterpret_cast<PSID *>(buffer.get()));
+}
+
+// The owner this process gives what it creates (the user, or the
+// administrators when it runs elevated), or the user itself. (Wine gives new
+// files the user while the token names another default owner.)
 bool isDefaultOwner(PSID owner)
 {
     HANDLE token = nullptr;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
         return false;
-    DWORD size = 0;
-    GetTokenInformation(token, TokenOwner, nullptr, 0, &size);
-    std::unique_ptr<char[]> buffer(new char[size ? size : 1]);
-    const bool known = size && GetTokenInformation(token, TokenOwner, buffer.get(), size, &size);
+    const bool own = tokenSidIs(token, TokenOwner, owner) || tokenSidIs(token, TokenUser, owner);
     CloseHandle(token);
-    return known && EqualSid(owner, reinterpret_cast<TOKEN_OWNER *>(buffer.get())->Owner);
+    return own;
 }
 
 } // namespace

@@ -277,7 +277,8 @@ private slots:
         QTest::newRow("tag holding an earlier tag") << QStringLiteral("${z}") << QStringLiteral("${b}");
         QTest::newRow("program folder") << QStringLiteral("${TolmInstallerPath}/plugins")
                                         << QCoreApplication::applicationDirPath() + QStringLiteral("/plugins");
-        QTest::newRow("package folder") << QStringLiteral("${installPackagePath}") << QStringLiteral("/downloads");
+        QTest::newRow("package folder") << QStringLiteral("${installPackagePath}")
+                                        << QFileInfo(QStringLiteral("/downloads")).absoluteFilePath();
     }
     void expansion()
     {

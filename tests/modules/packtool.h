@@ -30,9 +30,10 @@ inline Run run(const QStringList &arguments, const QProcessEnvironment &environm
         process.waitForFinished();
         return {-1, QString(), "corbeth-pack did not finish: "_s + process.errorString()};
     }
+    // (Windows ends a line with CR LF.)
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromLocal8Bit(process.readAllStandardOutput()),
-            QString::fromLocal8Bit(process.readAllStandardError())};
+            QString::fromLocal8Bit(process.readAllStandardOutput().replace("\r\n", "\n")),
+            QString::fromLocal8Bit(process.readAllStandardError().replace("\r\n", "\n"))};
 }
 
 // Runs a command that must succeed; logs its standard error when it does not.

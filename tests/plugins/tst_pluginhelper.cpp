@@ -1,5 +1,6 @@
 #include "logcapture.h"
 #include "testmain.h"
+#include "testplatform.h"
 
 #include "config/configer.h"
 #include "manager/ptrmanager.h"
@@ -34,7 +35,9 @@ private slots:
         QCOMPARE(helper->initPluginLoader(QString()), CBEnum::EC_FileNotOpen);
         QCOMPARE(log.count(QStringLiteral("plugin dir not exist"), QtWarningMsg), 2);
 
-        QCOMPARE(helper->initPluginLoader(pluginDir), CBEnum::EC_NoError);
+        const CBEnum::ErrorCode loaded = helper->initPluginLoader(pluginDir);
+        CORBETH_SKIP_IF_PLUGINS_REFUSED(loaded, log);
+        QCOMPARE(loaded, CBEnum::EC_NoError);
         QCOMPARE(helper->pluginNames(), QStringList{QStringLiteral("diskinfo")});
         // noversion, and whichever of the two diskinfo builds came second.
         QCOMPARE(log.count(QStringLiteral("name repetition or version error"), QtCriticalMsg), 2);
@@ -75,6 +78,9 @@ private slots:
 
     void refusesWhatOthersCanChange()
     {
+#ifdef Q_OS_WIN
+        QSKIP("the modes are Unix permissions; Windows trusts by owner and access list");
+#endif
         QFETCH(bool, folder);
         QFETCH(int, mode);
         QFETCH(bool, otherOwner);
@@ -98,8 +104,10 @@ private slots:
     void requestsGetFreshIdsAndOneRelayEach()
     {
         const QVariantMap plugin{{QStringLiteral("loadPath"), QStringLiteral("${TolmInstallerPath}/plugins")}};
-        QCOMPARE(PtrManager::instance()->configer()->setConfigData({{QStringLiteral("plugin"), plugin}}),
-                 CBEnum::EC_NoError);
+        LogCapture log;
+        const CBEnum::ErrorCode loaded = PtrManager::instance()->configer()->setConfigData({{QStringLiteral("plugin"), plugin}});
+        CORBETH_SKIP_IF_PLUGINS_REFUSED(loaded, log);
+        QCOMPARE(loaded, CBEnum::EC_NoError);
         PluginHelper *helper = PtrManager::instance()->pluginHelper().data();
         QSignalSpy answers(helper, &PluginHelper::pluginFinished);
         QString first, second;

@@ -73,6 +73,7 @@ private slots:
         SQLHelper records;
         QString found;
         QVERIFY(!records.findLocalPackage(dir.path(), record(100, "pkg.TOLMPKG"_s), found));
+        QFile::remove(dir.filePath("pkg.TOLMPKG"_s)); // the same name on Windows
         QVERIFY(makeFile(dir.filePath("pkg.tolmpkg"_s), 100, 60));
         QVERIFY(records.findLocalPackage(dir.path(), record(100, "pkg.tolmpkg"_s), found));
         QCOMPARE(found, QDir(dir.path()).absoluteFilePath("pkg.tolmpkg"_s));

@@ -35,6 +35,15 @@ public:
 
     bool isValid() const { return m_dir.isValid(); }
     QString path() const { return m_dir.path(); }
+    // Whether the store is the Windows registry, which no sandbox replaces.
+    static bool isRegistry()
+    {
+#ifdef Q_OS_WIN
+        return true;
+#else
+        return false;
+#endif
+    }
 
 private:
     QTemporaryDir m_dir;

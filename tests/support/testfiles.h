@@ -22,6 +22,16 @@ inline bool writeFile(const QString &path, const QByteArray &content)
     return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
+// Whether anything has the name path, a dangling link included. (On Windows
+// QFileInfo calls any name ending in ".lnk" a link, even with nothing there.)
+inline bool nameTaken(const QString &path)
+{
+    const QFileInfo info(path);
+    return QDir(info.absolutePath())
+        .entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot)
+        .contains(info.fileName());
+}
+
 // The content of path; empty when it cannot be read.
 inline QByteArray readFile(const QString &path)
 {

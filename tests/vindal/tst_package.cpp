@@ -12,8 +12,8 @@
 #include <archive_entry.h>
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <clocale>
 #include <memory>
 
@@ -69,7 +69,10 @@ bool writeArchive(const QString &path, Kind kind, const QList<Entry> &entries)
         if (!e.hardlink.isEmpty())
             archive_entry_copy_hardlink(entry.get(), e.hardlink.constData());
         if (e.type == AE_IFCHR)
-            archive_entry_set_rdev(entry.get(), makedev(1, 3));
+            {
+            archive_entry_set_rdevmajor(entry.get(), 1);
+            archive_entry_set_rdevminor(entry.get(), 3);
+        }
         archive_entry_set_size(entry.get(), e.type == AE_IFREG && e.hardlink.isEmpty() ? (e.zeros ? e.zeros : e.data.size()) : 0);
         if (archive_write_header(a.get(), entry.get()) != ARCHIVE_OK)
             return false;
@@ -168,7 +171,9 @@ private slots:
         });
         QVERIFY2(extracted, qPrintable(extracted.message));
         QCOMPARE(snapshot(out), snapshot(src));
+#ifndef Q_OS_WIN // (where the name alone makes a program)
         QVERIFY(QFileInfo(out + "/bin/app"_s).isExecutable());
+#endif
         QVERIFY(reports.size() > 2);
         QCOMPARE(reports.last(), qMakePair(size, size));
         for (int i = 1; i < reports.size(); ++i)
@@ -260,9 +265,20 @@ private slots:
         const auto before = outsideTarget();
 
         const Outcome outcome = Package::extract(package, target);
+#ifdef Q_OS_WIN
+        // Windows lets few accounts make symbolic links: without the right a
+        // link entry stops the unpacking as a write error, before anything
+        // can go through it.
+        if (outcome.code == Error::DiskFull
+            && std::any_of(entries.cbegin(), entries.cend(), [](const Entry &e) { return e.type == AE_IFLNK; })) {
+            QCOMPARE(outsideTarget(), before);
+            return;
+        }
+#endif
         QCOMPARE(int(outcome.code), code);
         if (entry == "*"_s) // the first entry over the cap
             entry = outcome.subject;
+        entry = QDir::fromNativeSeparators(entry); // a backslash separates on Windows
         QCOMPARE(outcome.subject, entry);
         QVERIFY2(outcome.message.contains(entry), qPrintable(outcome.message));
         // Nothing outside the target changed; inside it, at most the harmless
@@ -325,6 +341,9 @@ private slots:
 
     void linksReplacedAndSetuidAndSharedWriteDropped()
     {
+#ifdef Q_OS_WIN
+        QSKIP("Unix modes and symbolic links");
+#endif
         // A link already in the target is replaced, not followed.
         const QString sentinel = path("outside/sentinel.txt"_s);
         const QString target = path("target"_s);
@@ -397,7 +416,9 @@ private slots:
         const QString publicKey = keys.subject;
         const QByteArray secret = readFile(path("maker.key"_s));
         QCOMPARE(readFile(path("maker.pub"_s)).trimmed(), publicKey.toLatin1());
+#ifndef Q_OS_WIN // (no such permissions: access lists keep the key)
         QCOMPARE(QFileInfo(path("maker.key"_s)).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFileDevice::Permissions());
+#endif
         // A second keygen under the same name never overwrites the secret key.
         QCOMPARE(Repository::keygen(path("maker"_s)).code, Error::ConfigError);
         QCOMPARE(readFile(path("maker.key"_s)), secret);
@@ -451,8 +472,13 @@ private slots:
         QVERIFY(writeFile(path("taken.tolmpkg"_s), "first"));
         QVERIFY(Repository::publish(path("taken.tolmpkg"_s), m_repo, "app"_s, "1.0"_s));
         const auto before = snapshot(m_repo);
-        if (file != "missing.tolmpkg"_s)
-            QVERIFY(writeFile(path(file), "second"));
+        // (Windows has no file of a device's name or with a line break: there
+        // the name alone is refused.)
+        if (file != "missing.tolmpkg"_s && !writeFile(path(file), "second")) {
+#ifndef Q_OS_WIN
+            QFAIL("the package cannot be written");
+#endif
+        }
 
         const Outcome outcome = Repository::publish(path(file), m_repo, module, version);
         QCOMPARE(int(outcome.code), code);

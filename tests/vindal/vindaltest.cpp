@@ -33,7 +33,7 @@ QMap<QString, QByteArray> snapshot(const QString &folder)
         const QFileInfo info(it.next());
         const QString relative = QDir(folder).relativeFilePath(info.absoluteFilePath());
         if (info.isSymLink())
-            tree.insert(relative, "-> " + QByteArray::fromStdString(std::filesystem::read_symlink(QFile::encodeName(it.filePath()).toStdString())));
+            tree.insert(relative, "-> " + QByteArray::fromStdString(std::filesystem::read_symlink(QFile::encodeName(it.filePath()).toStdString()).string()));
         else
             tree.insert(relative, info.isDir() ? QByteArray("<dir>") : readFile(info.absoluteFilePath()));
     }

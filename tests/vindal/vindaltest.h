@@ -46,7 +46,8 @@ public:
     ~FaultServer();
     bool start(const QString &folder);
     QString url(const QString &fault) const { return "http://127.0.0.1:%1/%2/"_s.arg(m_port).arg(fault); }
-    QByteArray log() const { return readFile(m_log); }
+    // (Its standard error, where Windows ends a line with CR LF.)
+    QByteArray log() const { return readFile(m_log).replace("\r\n", "\n"); }
 
 private:
     QProcess m_process;

@@ -3,6 +3,7 @@
 #include "archivesource_p.h"
 #include "fspath_p.h"
 #include "logging_p.h"
+#include "plainfile_p.h"
 #include "utf8locale_p.h"
 
 #include <QtCore/QDateTime>
@@ -323,8 +324,11 @@ Outcome ArchiveExtractor::writeFile(struct archive *reader, struct archive_entry
     // a reader sees the old file or the new one, never half of one, and a
     // link in the way is replaced, not followed. No sync per file: an
     // installer writes thousands of them.
-    QTemporaryFile file(QFileInfo(path).absolutePath() + QLatin1Char('/') + QLatin1String(TemporaryPrefix)
-                        + QLatin1String("XXXXXX"));
+    // (Held by pointer: QTemporaryFile::close() leaves the file open, and
+    // Windows renames no open file, so the object goes before the rename.)
+    auto temporary = std::make_unique<QTemporaryFile>(QFileInfo(path).absolutePath() + QLatin1Char('/')
+                                                      + QLatin1String(TemporaryPrefix) + QLatin1String("XXXXXX"));
+    QTemporaryFile &file = *temporary;
     if (!file.open())
         return writeError(name, path, file.errorString());
     qint64 position = 0;
@@ -358,13 +362,14 @@ Outcome ArchiveExtractor::writeFile(struct archive *reader, struct archive_entry
         return writeError(name, path, file.errorString());
     file.setFileTime(QDateTime::fromSecsSinceEpoch(archive_entry_mtime(entry)), QFileDevice::FileModificationTime);
     file.setPermissions(permissionsOf(int(archive_entry_perm(entry)), false));
-    file.close();
-    std::error_code error;
-    std::filesystem::rename(toFsPath(file.fileName()), toFsPath(path), error);
-    if (error)
-        return writeError(name, path, QString::fromLocal8Bit(error.message().c_str()));
     file.setAutoRemove(false);
-    return Outcome::success();
+    const QString written = file.fileName();
+    temporary.reset();
+    QString error;
+    if (PlainFile::replace(written, path, &error))
+        return Outcome::success();
+    QFile::remove(written);
+    return writeError(name, path, error);
 }
 
 } // namespace Vindal

@@ -8,17 +8,21 @@ bool PlainFile::write(const QString &path, const QByteArray &data, QString *erro
 {
     // A temporary file is created exclusively: a link planted under its
     // name makes the creation fail, it is never followed.
-    QTemporaryFile temporary(path + QLatin1String(".XXXXXX"));
-    if (!temporary.open() || temporary.write(data) != data.size() || !temporary.flush()
-        || !temporary.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther)) {
-        *error = temporary.errorString();
-        return false;
-    }
-    temporary.close();
-    if (!replace(temporary.fileName(), path, error))
-        return false;
-    temporary.setAutoRemove(false);
-    return true;
+    QString name;
+    {
+        QTemporaryFile temporary(path + QLatin1String(".XXXXXX"));
+        if (!temporary.open() || temporary.write(data) != data.size() || !temporary.flush()
+            || !temporary.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther)) {
+            *error = temporary.errorString();
+            return false;
+        }
+        temporary.setAutoRemove(false);
+        name = temporary.fileName();
+    } // QTemporaryFile::close() leaves the file open, and Windows renames no open file: it closes as it goes.
+    if (replace(name, path, error))
+        return true;
+    QFile::remove(name);
+    return false;
 }
 
 bool PlainFile::rename(QFile *file, const QString &from, const QString &to, QString *error)

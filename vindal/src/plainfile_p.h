@@ -27,6 +27,9 @@ public:
     // whatever is there. Refused when from no longer names file; a file
     // that is not file under to afterwards (a race) is removed again.
     static bool rename(QFile *file, const QString &from, const QString &to, QString *error);
+    // Renames from to to in one step, replacing what to names (never
+    // following it).
+    static bool replace(const QString &from, const QString &to, QString *error);
 
 private:
     // What tells a file from every other on this machine (device and
@@ -35,9 +38,6 @@ private:
     // The identity of the plain file at path; empty for a link, a folder,
     // anything else or nothing.
     static QByteArray identityAt(const QString &path);
-    // Renames from to to in one step, replacing what to names (never
-    // following it).
-    static bool replace(const QString &from, const QString &to, QString *error);
 };
 
 } // namespace Vindal

@@ -74,6 +74,16 @@ Outcome load(QJsonObject *root)
     return Outcome::success();
 }
 
+// Other processes use the file too. Changing it (reading, changing and
+// writing in one step) and, since Windows cannot replace a file another
+// process holds open, reading it are done under one lock file beside it.
+bool lockAgainstProcesses(QLockFile *lock, const QString &file)
+{
+    QDir().mkpath(QFileInfo(file).absolutePath());
+    lock->setStaleLockTime(0); // only a lock whose process is gone is stale
+    return lock->tryLock(LockWaitMs);
+}
+
 } // namespace
 
 QString StateStore::path()
@@ -87,6 +97,9 @@ QString StateStore::path()
 Outcome StateStore::highWater(const QString &repository, const QString &module, QString *version)
 {
     QMutexLocker lock(&s_mutex);
+    const QString file = path();
+    QLockFile processLock(file + QLatin1String(".lock"));
+    lockAgainstProcesses(&processLock, file); // read all the same when it cannot be taken
     QJsonObject root;
     const Outcome loaded = load(&root);
     *version = root.value(MarksKey).toObject().value(repository).toObject().value(module).toString();
@@ -96,13 +109,9 @@ Outcome StateStore::highWater(const QString &repository, const QString &module, 
 Outcome StateStore::raise(const QString &repository, const QString &module, const QString &version)
 {
     QMutexLocker lock(&s_mutex);
-    // Other processes raise marks too: reading, changing and writing the
-    // file is one step for all of them, or one's mark overwrites another's.
     const QString file = path();
-    QDir().mkpath(QFileInfo(file).absolutePath());
     QLockFile processLock(file + QLatin1String(".lock"));
-    processLock.setStaleLockTime(0); // only a lock whose process is gone is stale
-    if (!processLock.tryLock(LockWaitMs)) {
+    if (!lockAgainstProcesses(&processLock, file)) {
         return damaged(file, processLock.error() == QLockFile::LockFailedError
                                  ? QStringLiteral("stayed locked by another process for %1 s").arg(LockWaitMs / 1000)
                                  : QStringLiteral("cannot be locked (\"%1.lock\" cannot be created)").arg(file));
