@@ -14,9 +14,9 @@ namespace Corbeth {
 // and not be writable by its group or others; so must each folder above it,
 // where a shared folder with the sticky bit (/tmp) is allowed. Windows, when
 // the engine runs elevated: the path's owner and every account its access list
-// lets write or take it over must be an administrator, SYSTEM or
-// TrustedInstaller; an engine that is not elevated trusts what its user can
-// change.
+// lets write or take it over must be the engine's own user, an administrator,
+// SYSTEM or TrustedInstaller; an engine that is not elevated trusts what its
+// user can change.
 class FileTrust
 {
 public:

@@ -8,6 +8,8 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <vector>
+
 namespace Corbeth {
 
 namespace {
@@ -28,6 +30,26 @@ bool isAdministrative(PSID sid)
     return trustedInstaller;
 }
 
+// The user this engine runs as: elevated, an administrator itself, so what it
+// owns or may write is no more than it could change anyway.
+bool isCaller(PSID sid)
+{
+    HANDLE token = nullptr;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
+        return false;
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    std::vector<char> buffer(size);
+    const bool known = size && GetTokenInformation(token, TokenUser, buffer.data(), size, &size);
+    CloseHandle(token);
+    return known && EqualSid(reinterpret_cast<TOKEN_USER *>(buffer.data())->User.Sid, sid);
+}
+
+bool isTrusted(PSID sid)
+{
+    return isAdministrative(sid) || isCaller(sid);
+}
+
 } // namespace
 
 QString FileTrust::whyUntrusted(const QString &path)
@@ -43,7 +65,7 @@ QString FileTrust::whyUntrusted(const QString &path)
         != ERROR_SUCCESS)
         return QStringLiteral("\"%1\": its access list cannot be read").arg(path);
     QString why;
-    if (!isAdministrative(owner))
+    if (!isTrusted(owner))
         why = QStringLiteral("\"%1\" belongs to an account that is not an administrator").arg(path);
     // No access list at all lets everyone write.
     if (!dacl)
@@ -56,7 +78,7 @@ QString FileTrust::whyUntrusted(const QString &path)
             || (ace->AceFlags & INHERIT_ONLY_ACE))
             continue;
         auto *allowed = reinterpret_cast<ACCESS_ALLOWED_ACE *>(ace);
-        if ((allowed->Mask & writes) && !isAdministrative(reinterpret_cast<PSID>(&allowed->SidStart)))
+        if ((allowed->Mask & writes) && !isTrusted(reinterpret_cast<PSID>(&allowed->SidStart)))
             why = QStringLiteral("\"%1\" can be written by accounts that are not administrators").arg(path);
     }
     LocalFree(descriptor);

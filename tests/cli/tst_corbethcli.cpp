@@ -99,7 +99,7 @@ class tst_CorbethCli : public QObject
     {
         QProcess process;
         // A first argument that is a path runs that copy of the tool.
-        const bool copy = arguments.value(0).startsWith(QLatin1Char('/'));
+        const bool copy = QFileInfo(arguments.value(0)).isAbsolute();
         process.start(copy ? arguments.first() : QStringLiteral(CORBETH_CLI), arguments.mid(copy ? 1 : 0));
         if (!process.waitForFinished(120000)) {
             process.kill();
@@ -223,9 +223,9 @@ private slots:
         QVERIFY(variant("signed.json", "\"retries\"", "\"publicKey\": \"" + key + "\", \"retries\""));
         QVERIFY(variant("nomodule.json", "\"demo\"}", "\"nosuch\"}"));
         // corbeth alone in a folder, the cleanup tool nowhere it looks.
+        const QString alone = path("alone/"_s) + QFileInfo(QStringLiteral(CORBETH_CLI)).fileName();
         QVERIFY(QDir().mkpath(path("alone"_s)));
-        QVERIFY(QFile::exists(path("alone/corbeth"_s))
-                || QFile::copy(QStringLiteral(CORBETH_CLI), path("alone/corbeth"_s)));
+        QVERIFY(QFile::exists(alone) || QFile::copy(QStringLiteral(CORBETH_CLI), alone));
         QVERIFY(writeFile(path("norepository.json"_s), "{ \"install\": {} }"));
         QVERIFY(QDir().mkpath(path("tampered"_s)));
         QVERIFY(QFile::exists(path("tampered/demo.tolmpkg"_s)) || QFile::copy(m_package, path("tampered/demo.tolmpkg"_s)));
@@ -241,7 +241,7 @@ private slots:
         QTest::newRow("malformed configuration") << install(path("malformed.json"_s)) << 20 << "at line 2, column 13"_s;
         QTest::newRow("empty configuration") << install(path("empty.json"_s)) << 20 << "holds no settings"_s;
         QTest::newRow("values of the wrong type, cleanup tool missing")
-            << QStringList{path("alone/corbeth"_s), "uninstall"_s, "--config"_s, path("types.json"_s), "--path"_s,
+            << QStringList{alone, "uninstall"_s, "--config"_s, path("types.json"_s), "--path"_s,
                            m_work.path()}
             << 26 << "corbeth-cleanup is in none of "_s + path("alone"_s);
         QTest::newRow("patch without updatePatch")

@@ -155,8 +155,7 @@ class tst_ManagerFlows : public QObject
         QVariantMap config = QJsonDocument::fromJson(json).object().toVariantMap();
         if (retryRounds > 0)
             config.insert("download"_s, QVariantMap{{"retryInterval"_s, 1}, {"retryRounds"_s, retryRounds}});
-        QSettings(client.store.path() + "/HKEY_CURRENT_USER.ini"_s, QSettings::IniFormat)
-            .setValue("SOFTWARE/Arvenor/Old/path"_s, older);
+        storeUserSetting("SOFTWARE/Arvenor/Old/path"_s, older);
         client.manager.setNeedUninstallOlder(!older.isEmpty());
         if (client.manager.setConfigData(config) != CBEnum::EC_NoError)
             return false;

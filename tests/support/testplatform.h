@@ -12,6 +12,8 @@
 // HKEY_CURRENT_USER: on Windows the registry, elsewhere the sandbox's file.
 // Invalid when absent.
 QVariant storedUserSetting(const QString &key);
+// Stores value there, as the engine would.
+void storeUserSetting(const QString &key, const QVariant &value);
 
 // The file the engine makes for a shortcut whose destination ends in ".lnk":
 // the .lnk itself on Windows, a freedesktop launcher beside it elsewhere.

@@ -9,10 +9,19 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+static QString userHive()
+{
+    return qEnvironmentVariable("CORBETH_SETTINGS_ROOT") + QStringLiteral("/HKEY_CURRENT_USER.ini");
+}
+
 QVariant storedUserSetting(const QString &key)
 {
-    const QString file = qEnvironmentVariable("CORBETH_SETTINGS_ROOT") + QStringLiteral("/HKEY_CURRENT_USER.ini");
-    return QSettings(file, QSettings::IniFormat).value(key);
+    return QSettings(userHive(), QSettings::IniFormat).value(key);
+}
+
+void storeUserSetting(const QString &key, const QVariant &value)
+{
+    QSettings(userHive(), QSettings::IniFormat).setValue(key, value);
 }
 
 QString shortcutFile(const QString &lnk)

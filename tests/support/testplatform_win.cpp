@@ -10,6 +10,11 @@ QVariant storedUserSetting(const QString &key)
     return QSettings(QStringLiteral("HKEY_CURRENT_USER"), QSettings::NativeFormat).value(key);
 }
 
+void storeUserSetting(const QString &key, const QVariant &value)
+{
+    QSettings(QStringLiteral("HKEY_CURRENT_USER"), QSettings::NativeFormat).setValue(key, value);
+}
+
 QString shortcutFile(const QString &lnk)
 {
     return lnk;
