@@ -7,7 +7,7 @@ packages=(
     build-essential cmake ninja-build pkg-config ccache binutils
     qtbase5-dev qtbase5-dev-tools
     xvfb xauth
-    libarchive-dev libsodium-dev libssl-dev
+    libarchive-dev libsodium-dev libssl-dev libzstd-dev
     nginx-light openssl
     libarchive-tools zstd curl
     g++-mingw-w64-x86-64-posix wine64 xz-utils
