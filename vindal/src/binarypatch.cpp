@@ -1,0 +1,247 @@
+#include "binarypatch_p.h"
+
+#include "digest_p.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QIODevice>
+#include <QtCore/QtEndian>
+
+#include <zstd.h>
+
+#include <memory>
+
+namespace Vindal {
+
+namespace {
+
+// A patch starts with a fixed header: the magic, the codec that made the
+// rest, the sizes of the old and the new file, and the new file's SHA-256,
+// which applying checks (so a patch applied to another file than the one it
+// was made from is refused rather than producing something else).
+constexpr char Magic[4] = {'V', 'D', 'B', 'P'};
+constexpr int HeaderSize = 4 + 4 + 8 + 8 + 32;
+enum Codec : quint8 { ZstdPrefix = 1 };
+
+struct Header
+{
+    Codec codec = ZstdPrefix;
+    quint64 oldSize = 0;
+    quint64 newSize = 0;
+    QByteArray sha256;
+
+    QByteArray encode() const
+    {
+        QByteArray out(HeaderSize, '\0');
+        char *p = out.data();
+        memcpy(p, Magic, 4);
+        p[4] = char(codec);
+        qToLittleEndian<quint64>(oldSize, p + 8);
+        qToLittleEndian<quint64>(newSize, p + 16);
+        memcpy(p + 24, sha256.constData(), 32);
+        return out;
+    }
+    bool decode(const QByteArray &in)
+    {
+        const char *p = in.constData();
+        if (in.size() != HeaderSize || memcmp(p, Magic, 4) != 0 || p[5] || p[6] || p[7])
+            return false;
+        codec = Codec(quint8(p[4]));
+        oldSize = qFromLittleEndian<quint64>(p + 8);
+        newSize = qFromLittleEndian<quint64>(p + 16);
+        sha256 = in.mid(24, 32);
+        return codec == ZstdPrefix;
+    }
+};
+
+// The zstd codec holds the old file whole while it applies (the new file's
+// matches reach back into it), and its window covers the old and the new:
+// both together stay under this.
+constexpr qint64 ZstdPrefixLimit = 48 << 20;
+constexpr int ZstdLevel = 19;
+
+QByteArray sha256Of(const QByteArray &data)
+{
+    Digest digest(Digest::Sha256);
+    digest.add(data.constData(), data.size());
+    return QByteArray::fromHex(digest.hex().toLatin1());
+}
+
+// The smallest window that reaches from the end of the new file back to the
+// start of the old one.
+int windowLogFor(quint64 oldSize, quint64 newSize)
+{
+    int log = 10;
+    while ((quint64(1) << log) < oldSize + newSize)
+        ++log;
+    return log;
+}
+
+bool readWhole(const QString &path, QByteArray *data, QString *error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("%1: %2").arg(path, file.errorString());
+        return false;
+    }
+    if (file.size() > BinaryPatch::maxDiffSize()) {
+        *error = QStringLiteral("%1: %2 bytes, too large to diff (at most %3)")
+                     .arg(path).arg(file.size()).arg(BinaryPatch::maxDiffSize());
+        return false;
+    }
+    *data = file.read(file.size());
+    if (data->size() != file.size() || !file.atEnd()) {
+        *error = QStringLiteral("%1: %2").arg(path, file.errorString());
+        return false;
+    }
+    return true;
+}
+
+// Reads up to size bytes, less only at the end: a sequential device may hand
+// them over in pieces.
+qint64 readFull(QIODevice *device, char *data, qint64 size)
+{
+    qint64 done = 0;
+    while (done < size) {
+        const qint64 n = device->read(data + done, size - done);
+        if (n < 0)
+            return -1;
+        if (n == 0 && !device->waitForReadyRead(-1))
+            break;
+        done += n;
+    }
+    return done;
+}
+
+bool writeAll(QIODevice *device, const char *data, qint64 size, QString *error)
+{
+    if (device->write(data, size) == size)
+        return true;
+    *error = QStringLiteral("cannot write the patch: %1").arg(device->errorString());
+    return false;
+}
+
+struct ZstdFree
+{
+    void operator()(ZSTD_CCtx *c) const { ZSTD_freeCCtx(c); }
+    void operator()(ZSTD_DCtx *d) const { ZSTD_freeDCtx(d); }
+};
+
+QByteArray makeZstdPrefix(const QByteArray &oldData, const QByteArray &newData, QString *error)
+{
+    std::unique_ptr<ZSTD_CCtx, ZstdFree> cctx(ZSTD_createCCtx());
+    ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_compressionLevel, ZstdLevel);
+    ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_windowLog, windowLogFor(oldData.size(), newData.size()));
+    ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_enableLongDistanceMatching, 1);
+    ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_contentSizeFlag, 1);
+    ZSTD_CCtx_refPrefix(cctx.get(), oldData.constData(), size_t(oldData.size()));
+    QByteArray out(int(ZSTD_compressBound(size_t(newData.size()))), Qt::Uninitialized);
+    const size_t n = ZSTD_compress2(cctx.get(), out.data(), size_t(out.size()), newData.constData(), size_t(newData.size()));
+    if (ZSTD_isError(n)) {
+        *error = QStringLiteral("cannot compress the patch: %1").arg(QLatin1String(ZSTD_getErrorName(n)));
+        return {};
+    }
+    out.truncate(int(n));
+    return out;
+}
+
+// Decompresses the one zstd frame that follows the header, against oldData,
+// into out; false when the frame is damaged, is not the announced size, or
+// the patch goes on after it.
+bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice *patch, QIODevice *out,
+                     Digest *digest, QString *error)
+{
+    std::unique_ptr<ZSTD_DCtx, ZstdFree> dctx(ZSTD_createDCtx());
+    ZSTD_DCtx_setParameter(dctx.get(), ZSTD_d_windowLogMax, windowLogFor(header.oldSize, header.newSize));
+    ZSTD_DCtx_refPrefix(dctx.get(), oldData.constData(), size_t(oldData.size()));
+    QByteArray in(int(ZSTD_DStreamInSize()), Qt::Uninitialized);
+    QByteArray buffer(int(ZSTD_DStreamOutSize()), Qt::Uninitialized);
+    quint64 written = 0;
+    bool first = true;
+    size_t pending = 1;
+    while (pending != 0) {
+        const qint64 n = readFull(patch, in.data(), in.size());
+        if (n <= 0)
+            return false;
+        // A frame that does not announce the new file's size could make the
+        // decoder size its buffers after a window of any size.
+        if (first && ZSTD_getFrameContentSize(in.constData(), size_t(n)) != header.newSize)
+            return false;
+        first = false;
+        ZSTD_inBuffer input{in.constData(), size_t(n), 0};
+        ZSTD_outBuffer output{buffer.data(), size_t(buffer.size()), 0};
+        // A full output buffer may leave more to flush without more input.
+        while (pending != 0 && (input.pos < input.size || output.pos == output.size)) {
+            output.pos = 0;
+            pending = ZSTD_decompressStream(dctx.get(), &output, &input);
+            if (ZSTD_isError(pending) || (written += output.pos) > header.newSize)
+                return false;
+            digest->add(buffer.constData(), qint64(output.pos));
+            if (!writeAll(out, buffer.constData(), qint64(output.pos), error))
+                return false;
+        }
+        if (input.pos < input.size)
+            return false; // bytes after the frame
+    }
+    char more;
+    return written == header.newSize && readFull(patch, &more, 1) == 0;
+}
+
+} // namespace
+
+qint64 BinaryPatch::maxDiffSize()
+{
+    return ZstdPrefixLimit / 2;
+}
+
+bool BinaryPatch::make(const QString &oldFile, const QString &newFile, QIODevice *patch, QString *error)
+{
+    QByteArray oldData, newData;
+    if (!readWhole(oldFile, &oldData, error) || !readWhole(newFile, &newData, error))
+        return false;
+    Header header;
+    header.oldSize = quint64(oldData.size());
+    header.newSize = quint64(newData.size());
+    header.sha256 = sha256Of(newData);
+    const QByteArray body = makeZstdPrefix(oldData, newData, error);
+    if (body.isEmpty())
+        return false;
+    return writeAll(patch, header.encode(), HeaderSize, error) && writeAll(patch, body.constData(), body.size(), error);
+}
+
+bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error)
+{
+    Header header;
+    QByteArray bytes(HeaderSize, Qt::Uninitialized);
+    if (readFull(patch, bytes.data(), HeaderSize) != HeaderSize || !header.decode(bytes) || header.newSize > quint64(maxDiffSize())) {
+        *error = QStringLiteral("the patch is damaged");
+        return false;
+    }
+    QFile file(oldFile);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("%1: %2").arg(oldFile, file.errorString());
+        return false;
+    }
+    if (quint64(file.size()) != header.oldSize || header.oldSize + header.newSize > quint64(ZstdPrefixLimit)) {
+        *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
+        return false;
+    }
+    const QByteArray oldData = file.read(qint64(header.oldSize));
+    if (quint64(oldData.size()) != header.oldSize) {
+        *error = QStringLiteral("%1: %2").arg(oldFile, file.errorString());
+        return false;
+    }
+    Digest digest(Digest::Sha256);
+    error->clear();
+    if (!applyZstdPrefix(oldData, header, patch, out, &digest, error)) {
+        if (error->isEmpty())
+            *error = QStringLiteral("the patch is damaged");
+        return false;
+    }
+    if (QByteArray::fromHex(digest.hex().toLatin1()) != header.sha256) {
+        *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
+        return false;
+    }
+    return true;
+}
+
+} // namespace Vindal
