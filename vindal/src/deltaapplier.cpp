@@ -201,6 +201,19 @@ bool DeltaApplier::isDelta(const QString &packageFile)
     return name && qstrcmp(name, DeltaManifest::ManifestName) == 0;
 }
 
+void DeltaApplier::removeDropped(const DeltaManifest &manifest, const QString &targetFolder)
+{
+    const QString root = QFileInfo(targetFolder).canonicalFilePath();
+    QJsonArray removals;
+    for (const DeltaManifest::File &file : manifest.files) {
+        if (file.how == DeltaManifest::Remove && stateOf(root, file.path) == file.oldState)
+            removals.append(file.path);
+    }
+    if (!root.isEmpty())
+        runJournal(root, QJsonObject{{QStringLiteral("remove"), removals},
+                                     {QStringLiteral("removedFolders"), QJsonArray::fromStringList(manifest.removedFolders)}});
+}
+
 void DeltaApplier::recover(const QString &targetFolder)
 {
     finishWork(QFileInfo(targetFolder).canonicalFilePath(), true);
@@ -260,6 +273,7 @@ Outcome DeltaApplier::run(const ProgressCallback &progress)
                               .arg(m_manifest.module, m_manifest.to, m_manifest.packageSha256, m_expectModule, m_expectVersion, m_expectSha256),
                           m_delta);
     }
+    m_bound = bool(outcome);
     QList<int> todo;
     if (outcome)
         outcome = checkBase(&todo, [&](qint64 index) { return report(0.3 + 0.3 * double(index) / double(qMax(1, m_manifest.files.size()))); });

@@ -37,9 +37,15 @@ public:
     // full package is the way on.
     bool baseMismatch() const { return m_baseMismatch; }
     const DeltaManifest &manifest() const { return m_manifest; }
+    // The manifest was read and is the one of the expected version.
+    bool isBound() const { return m_bound; }
 
     // Whether the package is a delta: its first entry is the manifest.
     static bool isDelta(const QString &packageFile);
+    // Removes what manifest's old version had and its new one drops: files
+    // still as the old version left them, and folders left empty. For the
+    // full package that replaces a delta, which removes nothing itself.
+    static void removeDropped(const DeltaManifest &manifest, const QString &targetFolder);
     // Completes the renames of an apply killed after it wrote its journal,
     // and removes what one killed before that left.
     static void recover(const QString &targetFolder);
@@ -64,6 +70,7 @@ private:
     QString m_expectSha256;
     DeltaManifest m_manifest;
     bool m_baseMismatch = false;
+    bool m_bound = false;
     qint64 m_maxBytes = 0;
 };
 

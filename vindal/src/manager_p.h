@@ -52,8 +52,7 @@ public:
     // managerdelta.cpp: a delta package's unpack, and its fall-back to the
     // full package (on the manager's thread).
     void applyDelta(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job);
-    void fallBack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job, const std::shared_ptr<void> &progress,
-                  const QVariantMap &delta, const QString &module);
+    void fallBack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job, const std::shared_ptr<void> &state);
     void noteDelta(const QVariantMap &delta, const UnpackJob &job, const QString &module, const QString &version);
     void noteInstalled(const UnpackJob &job, const QString &module, const QString &version);
 

@@ -46,6 +46,19 @@ private:
     ProgressThrottle m_throttle;
 };
 
+// What the fall-back carries from the failed apply to the full package.
+struct FallBack
+{
+    FallBack(const std::shared_ptr<ReplyChannel> &channel, const QVariantMap &delta, const QString &module)
+        : progress(channel), delta(delta), module(module)
+    {
+    }
+    DeltaProgress progress;
+    QVariantMap delta;
+    QString module;
+    DeltaManifest manifest; // empty unless the delta's manifest is the one for this version
+};
+
 } // namespace
 
 void ManagerPrivate::applyDelta(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job)
@@ -55,7 +68,8 @@ void ManagerPrivate::applyDelta(const std::shared_ptr<ReplyChannel> &channel, co
     DeltaApplier applier(job.packageFile, job.targetFolder, job.limits);
     if (!delta.isEmpty())
         applier.expect(module, delta.value(QStringLiteral("to")).toString(), delta.value(QStringLiteral("fullSha256")).toString());
-    const auto progress = std::make_shared<DeltaProgress>(channel);
+    const auto state = std::make_shared<FallBack>(channel, delta, module);
+    DeltaProgress *const progress = &state->progress;
     const Outcome outcome = applier.run([&](qint64 done, qint64 total) {
         if (channel->isAborted() || *m_shuttingDown)
             return false;
@@ -85,30 +99,31 @@ void ManagerPrivate::applyDelta(const std::shared_ptr<ReplyChannel> &channel, co
     }
     qCWarning(lcVindal).noquote() << "the delta does not apply, downloading the full package instead:" << outcome.message;
     progress->restFrom();
-    QMetaObject::invokeMethod(q, [this, channel, job, progress, delta, module] { fallBack(channel, job, progress, delta, module); },
-                              Qt::QueuedConnection);
+    if (applier.isBound())
+        state->manifest = applier.manifest();
+    QMetaObject::invokeMethod(q, [this, channel, job, state] { fallBack(channel, job, state); }, Qt::QueuedConnection);
 }
 
-void ManagerPrivate::fallBack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job,
-                              const std::shared_ptr<void> &progressHolder, const QVariantMap &delta, const QString &module)
+void ManagerPrivate::fallBack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job, const std::shared_ptr<void> &holder)
 {
-    const auto progress = std::static_pointer_cast<DeltaProgress>(progressHolder);
+    const auto state = std::static_pointer_cast<FallBack>(holder);
+    const QVariantMap &delta = state->delta;
     if (channel->isAborted() || *m_shuttingDown) {
         channel->clearAbortHandler();
         channel->finish(Error::Cancelled, QVariant(), QStringLiteral("unpacking was cancelled"));
         return;
     }
     RepositoryRequest::Target target;
-    target.name = module;
+    target.name = state->module;
     target.version = delta.value(QStringLiteral("to")).toString();
     target.pinned = true; // the version the delta was chosen for, whatever the marks say
     Reply *download = request(RepositoryRequest::Fetch, target);
     QPointer<Reply> guard(download);
     channel->setAbortHandler([guard] { QMetaObject::invokeMethod(guard, [guard] { if (guard) guard->abort(); }, Qt::QueuedConnection); });
-    QObject::connect(download, &Reply::downloadProgress, download, [progress](qint64 received, qint64 total) {
-        progress->report(0.5 * double(received) / double(qMax<qint64>(1, total)));
+    QObject::connect(download, &Reply::downloadProgress, download, [state](qint64 received, qint64 total) {
+        state->progress.report(0.5 * double(received) / double(qMax<qint64>(1, total)));
     });
-    QObject::connect(download, &Reply::finished, download, [this, channel, job, progress, delta, module, download](const QVariantMap &params) {
+    QObject::connect(download, &Reply::finished, download, [this, channel, job, state, download](const QVariantMap &params) {
         download->deleteLater();
         const int code = params.value(QStringLiteral("errorCode")).toInt();
         const QVariantMap full = params.value(QStringLiteral("result")).toMap();
@@ -120,12 +135,13 @@ void ManagerPrivate::fallBack(const std::shared_ptr<ReplyChannel> &channel, cons
             return;
         }
         channel->setAbortHandler([] {});
-        m_unpackPool->start([this, channel, job, progress, delta, module, full] {
+        m_unpackPool->start([this, channel, job, state, full] {
             const QString package = full.value(QStringLiteral("path")).toString();
+            const QVariantMap &delta = state->delta;
             const Outcome outcome = Package::extract(package, job.targetFolder, [&](qint64 done, qint64 total) {
                 if (channel->isAborted() || *m_shuttingDown)
                     return false;
-                progress->report(0.5 + 0.5 * double(done) / double(qMax<qint64>(1, total)));
+                state->progress.report(0.5 + 0.5 * double(done) / double(qMax<qint64>(1, total)));
                 return true;
             }, job.limits);
             QVariantMap result{{QStringLiteral("file"), package}, {QStringLiteral("path"), job.targetFolder},
@@ -135,8 +151,11 @@ void ManagerPrivate::fallBack(const std::shared_ptr<ReplyChannel> &channel, cons
             fellBack.insert(QStringLiteral("bytesSaved"), -delta.value(QStringLiteral("size")).toLongLong());
             result.insert(QStringLiteral("delta"), fellBack);
             if (outcome) {
-                noteDelta(fellBack, job, module, delta.value(QStringLiteral("to")).toString());
-                progress->finish();
+                // The files the new version dropped go as the delta would
+                // have removed them, so the install ends as the delta's would.
+                DeltaApplier::removeDropped(state->manifest, job.targetFolder);
+                noteDelta(fellBack, job, state->module, delta.value(QStringLiteral("to")).toString());
+                state->progress.finish();
             } else {
                 result.insert(QStringLiteral("entry"), outcome.subject);
             }
