@@ -126,7 +126,10 @@ void RepositoryRequest::indexed(const Outcome &outcome, const PackageIndex &inde
 
     DeltaRef delta;
     if (m_target.useDelta && DeltaRef::pick(*entry, m_target.installedVersion, &delta)) {
+        QVariantMap full = info;
         info = DeltaRef::describe(describe(delta.package, m_config.bases.at(base)), *entry, delta);
+        full.insert(QStringLiteral("delta"), info.value(QStringLiteral("delta")));
+        m_resolved(full); // the package, and the delta that brings it
         entry = &delta.package;
     }
 
