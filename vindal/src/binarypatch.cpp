@@ -185,7 +185,7 @@ qint64 BinaryPatch::readFull(QIODevice *device, char *data, qint64 size)
         const qint64 n = device->read(data + done, size - done);
         if (n < 0)
             return -1;
-        if (n == 0 && !device->waitForReadyRead(-1))
+        if (n == 0 && !device->waitForReadyRead(30000))
             break;
         done += n;
     }

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <memory>
+#include <vector>
 
 namespace Vindal {
 
@@ -63,19 +64,12 @@ bool getVarint(const QByteArray &in, int *at, quint64 *value)
     return false;
 }
 
-// Gathers runs into chunks and compresses them.
+// Gathers the runs, then compresses each stream whole and cuts it into the
+// chunks' pieces: one compressor at a time, told the stream's size so that
+// its tables are no larger than the stream needs.
 class Writer
 {
 public:
-    Writer()
-    {
-        for (auto &c : m_contexts) {
-            c.reset(ZSTD_createCCtx());
-            ZSTD_CCtx_setParameter(c.get(), ZSTD_c_compressionLevel, Level);
-            ZSTD_CCtx_setParameter(c.get(), ZSTD_c_windowLog, WindowLog);
-        }
-    }
-
     // copyLength bytes copied from oldBytes with a difference, then
     // extraLength new bytes of their own; the old position then moves by seek.
     void add(const uchar *oldBytes, const uchar *newBytes, qint64 copyLength, qint64 extraLength, qint64 seek)
@@ -93,13 +87,29 @@ public:
 
     bool finish(QByteArray *body, QString *error)
     {
-        if ((m_failed || !m_raw[Control].isEmpty()) && !flush())
-            return fail(error);
-        *body = m_body;
+        if (m_raw[Control].size() > (m_ends.empty() ? 0 : m_ends.back()[Control]))
+            endChunk();
+        std::array<std::vector<QByteArray>, StreamCount> parts;
+        for (int s = 0; s < StreamCount; ++s)
+            if (!compress(Stream(s), &parts[size_t(s)], error))
+                return false;
+        body->clear();
+        for (size_t c = 0; c < m_ends.size(); ++c) {
+            QByteArray header(ChunkHeaderSize, '\0');
+            for (int s = 0; s < StreamCount; ++s) {
+                qToLittleEndian<quint32>(quint32(m_ends[c][s] - (c ? m_ends[c - 1][s] : 0)), header.data() + 8 * s);
+                qToLittleEndian<quint32>(quint32(parts[size_t(s)][c].size()), header.data() + 8 * s + 4);
+            }
+            body->append(header);
+            for (int s = 0; s < StreamCount; ++s)
+                body->append(parts[size_t(s)][c]);
+        }
         return true;
     }
 
 private:
+    using Ends = std::array<int, StreamCount>;
+
     void run(const uchar *oldBytes, const uchar *newBytes, qint64 copyLength, qint64 extraLength, qint64 seek)
     {
         putVarint(&m_raw[Control], quint64(copyLength));
@@ -111,49 +121,45 @@ private:
         for (qint64 i = 0; i < copyLength; ++i)
             diff[i] = char(newBytes[i] - oldBytes[i]);
         m_raw[Extra].append(reinterpret_cast<const char *>(newBytes + copyLength), int(extraLength));
-        if ((m_raw[Diff].size() + m_raw[Extra].size() >= Piece || m_raw[Control].size() >= ControlPiece) && !flush())
-            m_failed = true;
+        const Ends last = m_ends.empty() ? Ends{} : m_ends.back();
+        if (m_raw[Diff].size() - last[Diff] + m_raw[Extra].size() - last[Extra] >= Piece
+            || m_raw[Control].size() - last[Control] >= ControlPiece)
+            endChunk();
     }
 
-    bool flush()
+    void endChunk() { m_ends.push_back({m_raw[Control].size(), m_raw[Diff].size(), m_raw[Extra].size()}); }
+
+    bool compress(Stream s, std::vector<QByteArray> *parts, QString *error) const
     {
-        if (m_failed)
-            return false;
-        QByteArray header(ChunkHeaderSize, '\0'), parts;
-        for (int s = 0; s < StreamCount; ++s) {
-            QByteArray part(int(ZSTD_compressBound(size_t(m_raw[s].size()))) + 1024, Qt::Uninitialized);
-            ZSTD_inBuffer input{m_raw[s].constData(), size_t(m_raw[s].size()), 0};
+        std::unique_ptr<ZSTD_CCtx, ZstdFree> context(ZSTD_createCCtx());
+        ZSTD_CCtx_setParameter(context.get(), ZSTD_c_compressionLevel, Level);
+        ZSTD_CCtx_setParameter(context.get(), ZSTD_c_windowLog, WindowLog);
+        ZSTD_CCtx_setPledgedSrcSize(context.get(), quint64(m_raw[s].size()));
+        int from = 0;
+        for (const Ends &ends : m_ends) {
+            const int to = ends[s];
+            QByteArray part(int(ZSTD_compressBound(size_t(to - from))) + 1024, Qt::Uninitialized);
+            ZSTD_inBuffer input{m_raw[s].constData() + from, size_t(to - from), 0};
             ZSTD_outBuffer output{part.data(), size_t(part.size()), 0};
+            const ZSTD_EndDirective end = &ends == &m_ends.back() ? ZSTD_e_end : ZSTD_e_flush;
             size_t left;
-            do {
-                left = ZSTD_compressStream2(m_contexts[s].get(), &output, &input, ZSTD_e_flush);
-                if (ZSTD_isError(left)) {
-                    m_message = QLatin1String(ZSTD_getErrorName(left));
-                    return false;
-                }
-            } while (left != 0 && output.pos < output.size);
-            if (left != 0)
+            do
+                left = ZSTD_compressStream2(context.get(), &output, &input, end);
+            while (!ZSTD_isError(left) && left != 0 && output.pos < output.size);
+            if (left != 0) {
+                *error = QStringLiteral("cannot compress the patch: %1")
+                             .arg(QLatin1String(ZSTD_isError(left) ? ZSTD_getErrorName(left) : "no room"));
                 return false;
-            qToLittleEndian<quint32>(quint32(m_raw[s].size()), header.data() + 8 * s);
-            qToLittleEndian<quint32>(quint32(output.pos), header.data() + 8 * s + 4);
-            parts.append(part.constData(), int(output.pos));
-            m_raw[s].clear();
+            }
+            part.truncate(int(output.pos));
+            parts->push_back(part);
+            from = to;
         }
-        m_body += header + parts;
         return true;
     }
 
-    bool fail(QString *error) const
-    {
-        *error = QStringLiteral("cannot compress the patch: %1").arg(m_message);
-        return false;
-    }
-
-    std::array<std::unique_ptr<ZSTD_CCtx, ZstdFree>, StreamCount> m_contexts;
     std::array<QByteArray, StreamCount> m_raw;
-    QByteArray m_body;
-    QString m_message;
-    bool m_failed = false;
+    std::vector<Ends> m_ends; // where each chunk ends in each stream
 };
 
 // Decodes one stream's piece of a chunk into exactly raw.size() bytes.
