@@ -32,7 +32,10 @@ const char *const kUsage =
     "Commands:\n"
     "  create <folder> -o <package> [--format zstd|zip|gzip|tar]\n"
     "  publish <package> --repo <folder> --module <name> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
+    "          [--deltas <count>]\n"
     "  publish <package> --repo <folder> --model-code <code> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
+    "  deltas list --repo <folder> --module <name>\n"
+    "  deltas prune --repo <folder> --module <name> [--keep <versions>] [--key <secret-key-file>]\n"
     "  keygen <name>\n"
     "  verify <package> [--repo <folder> --module <name> [--version <v>] [--public-key <key>]]\n"
     "  extract <package> -C <folder>\n"
@@ -197,6 +200,15 @@ int create(const QStringList &arguments)
     return ExitSuccess;
 }
 
+int report(const QString &command, const Vindal::Outcome &outcome)
+{
+    if (!outcome)
+        return fail(command, outcome);
+    if (!outcome.message.isEmpty())
+        printLine(stdout, outcome.message);
+    return ExitSuccess;
+}
+
 int publish(const QStringList &arguments)
 {
     const QString command = QStringLiteral("publish");
@@ -214,9 +226,16 @@ int publish(const QStringList &arguments)
     cl.addValue({QStringLiteral("expires")},
                 QStringLiteral("Clients refuse the index this many days from now, unless it is published again."),
                 QStringLiteral("days"));
+    cl.addValue({QStringLiteral("deltas")},
+                QStringLiteral("Make deltas to this version from this many older ones (default 3, 0: none)."),
+                QStringLiteral("count"));
     int code = ExitSuccess;
     if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("repo"), QStringLiteral("version")}, &code))
         return code;
+    bool deltasOk = true;
+    const int deltas = cl.isSet(QStringLiteral("deltas")) ? cl.value(QStringLiteral("deltas")).toInt(&deltasOk) : 3;
+    if (!deltasOk || deltas < 0 || deltas > 100)
+        return cl.usage(QStringLiteral("--deltas takes a number from 0 to 100"));
     const bool upgrade = cl.isSet(QStringLiteral("model-code"));
     if (upgrade == cl.isSet(QStringLiteral("module")))
         return cl.usage(QStringLiteral("give exactly one of --module and --model-code"));
@@ -242,7 +261,32 @@ int publish(const QStringList &arguments)
     printLine(stdout, QStringLiteral("published %1 as %2 %3%4")
                           .arg(QFileInfo(package).fileName(), name, version,
                                key.isEmpty() ? QString() : QStringLiteral(" (signed)")));
-    return ExitSuccess;
+    return upgrade || deltas == 0 ? ExitSuccess : report(command, Vindal::Repository::publishDeltas(repo, name, version, deltas, key));
+}
+
+int deltas(const QStringList &arguments)
+{
+    const QString command = QStringLiteral("deltas");
+    CommandLine cl(command, QStringLiteral("list|prune: lists a module's delta packages, or removes those of older versions"),
+                   "corbeth-pack deltas prune --repo /srv/repo --module myapp --keep 2 --key product.key");
+    cl.addValue({QStringLiteral("repo")}, QStringLiteral("The repository folder."), QStringLiteral("folder"));
+    cl.addValue({QStringLiteral("module")}, QStringLiteral("The module in the repository."), QStringLiteral("name"));
+    cl.addValue({QStringLiteral("keep")}, QStringLiteral("prune: keep the deltas of this many newest versions (default 1)."),
+                QStringLiteral("versions"));
+    cl.addValue({QStringLiteral("key")}, QStringLiteral("prune: sign the index with this secret key file."),
+                QStringLiteral("secret-key-file"));
+    int code = ExitSuccess;
+    if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("repo"), QStringLiteral("module")}, &code))
+        return code;
+    const QString repo = cl.value(QStringLiteral("repo"));
+    const QString module = cl.value(QStringLiteral("module"));
+    if (cl.positional(0) == QLatin1String("list"))
+        return report(command, Vindal::Repository::listDeltas(repo, module));
+    bool ok = true;
+    const int keep = cl.isSet(QStringLiteral("keep")) ? cl.value(QStringLiteral("keep")).toInt(&ok) : 1;
+    if (cl.positional(0) != QLatin1String("prune") || !ok || keep < 0)
+        return cl.usage(QStringLiteral("expects list, or prune with --keep 0 or more"));
+    return report(command, Vindal::Repository::pruneDeltas(repo, module, keep, cl.value(QStringLiteral("key"))));
 }
 
 int keygen(const QStringList &arguments)
@@ -479,6 +523,7 @@ int main(int argc, char *argv[])
     const QList<QPair<QLatin1String, Command>> commands{
         {QLatin1String("create"), create},   {QLatin1String("publish"), publish}, {QLatin1String("keygen"), keygen},
         {QLatin1String("verify"), verify},   {QLatin1String("extract"), extract}, {QLatin1String("fetch"), fetch},
+        {QLatin1String("deltas"), deltas},
     };
     for (const auto &entry : commands) {
         if (command == entry.first)

@@ -30,7 +30,9 @@ const qint64 BaseEntries = 10000;
 // Files being written are hidden under this prefix until they are complete.
 const char TemporaryPrefix[] = ".vindal-";
 
-QFileDevice::Permissions permissionsOf(int mode, bool folder)
+} // namespace
+
+QFileDevice::Permissions ArchiveExtractor::permissionsOf(int mode, bool folder)
 {
     // Only permission bits; setuid, setgid and sticky are dropped, and so is
     // write access for group and others: any local user could otherwise
@@ -50,6 +52,8 @@ QFileDevice::Permissions permissionsOf(int mode, bool folder)
     }
     return permissions;
 }
+
+namespace {
 
 QString entryName(struct archive_entry *entry)
 {
@@ -161,6 +165,18 @@ bool ArchiveExtractor::reportProgress(const ProgressCallback &progress)
     return !progress || progress(m_source->position(), m_archiveSize);
 }
 
+std::unique_ptr<struct archive, int (*)(struct archive *)> ArchiveExtractor::newReader()
+{
+    std::unique_ptr<struct archive, int (*)(struct archive *)> reader(archive_read_new(), &archive_read_free);
+    // Exactly the formats and filters a package may use; every other reader
+    // stays out of reach of untrusted input.
+    archive_read_support_format_tar(reader.get());
+    archive_read_support_format_zip(reader.get());
+    archive_read_support_filter_gzip(reader.get());
+    archive_read_support_filter_zstd(reader.get());
+    return reader;
+}
+
 Outcome ArchiveExtractor::run(const ProgressCallback &progress)
 {
     const Utf8Locale utf8;
@@ -171,13 +187,7 @@ Outcome ArchiveExtractor::run(const ProgressCallback &progress)
         return writeError(QString(), m_target, QStringLiteral("the target folder cannot be resolved"));
     removeLeftovers();
 
-    std::unique_ptr<struct archive, int (*)(struct archive *)> reader(archive_read_new(), &archive_read_free);
-    // Exactly the formats and filters a package may use; every other reader
-    // stays out of reach of untrusted input.
-    archive_read_support_format_tar(reader.get());
-    archive_read_support_format_zip(reader.get());
-    archive_read_support_filter_gzip(reader.get());
-    archive_read_support_filter_zstd(reader.get());
+    const std::unique_ptr<struct archive, int (*)(struct archive *)> reader = newReader();
 
     ArchiveSource source(m_archive);
     if (!source.open(reader.get()))

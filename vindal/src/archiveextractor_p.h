@@ -3,8 +3,11 @@
 
 #include <vindal/package.h>
 
+#include <QtCore/QFileDevice>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
+
+#include <memory>
 
 struct archive;
 struct archive_entry;
@@ -31,6 +34,12 @@ public:
     // Whether a link at linkParts pointing to target resolves inside the
     // root: relative, and ".." only at its start, never climbing above it.
     static bool linkStaysInside(const QStringList &linkParts, const QString &target);
+    // The permissions a file or folder of mode gets: no setuid, setgid or
+    // sticky bit, no write access for group and others, the owner's read
+    // and write always.
+    static QFileDevice::Permissions permissionsOf(int mode, bool folder);
+    // A reader of the formats and filters a package may use, and no other.
+    static std::unique_ptr<struct archive, int (*)(struct archive *)> newReader();
 
 private:
     Outcome extractEntry(struct archive *reader, struct archive_entry *entry, const QString &name,

@@ -3,8 +3,10 @@
 #include <vindal/package.h>
 #include <vindal/repository.h>
 
+#include "deltaapplier_p.h"
 #include "logging_p.h"
 #include "reply_p.h"
+#include "statestore_p.h"
 #include "transfer_p.h"
 
 #include <QtCore/QFile>
@@ -101,6 +103,12 @@ Reply *ManagerPrivate::fetchModule(const QString &module, const VDBasicInfo &inf
     target.pinned = !target.version.isEmpty();
     target.writeVerifyFile = writeVerifyFile;
     target.extra = info.extra;
+    target.useDelta = m_config.useDeltas;
+    target.installedVersion = m_config.installedVersion.isEmpty() ? StateStore::installed(m_config.identity(), target.name) : m_config.installedVersion;
+    target.delivered = [this](const QVariantMap &result) {
+        QMutexLocker lock(&m_mutex);
+        m_delivered.insert(result.value(QStringLiteral("path")).toString(), result);
+    };
     qCInfo(lcVindal) << "download" << target.name << (target.pinned ? target.version : QStringLiteral("newest"));
     return request(RepositoryRequest::Fetch, target);
 }
@@ -197,34 +205,41 @@ void Manager::loadOfflinePackage(Reply *reply, const QString &packageFile, const
     const std::shared_ptr<ReplyChannel> channel = ReplyPrivate::channel(reply);
     // The worker notices an abort itself and cleans up before it finishes.
     channel->setAbortHandler([] {});
-    ExtractLimits limits;
+    ManagerPrivate::UnpackJob job{packageFile, targetFolder, ExtractLimits(), QVariantMap(),
+                                  d->m_configured ? d->m_config.identity() : QString()};
     {
         QMutexLocker lock(&d->m_mutex);
-        limits = d->m_limits;
+        job.limits = d->m_limits;
+        job.delivered = d->m_delivered.value(packageFile);
     }
     qCInfo(lcVindal) << "unpack" << packageFile << "into" << targetFolder;
-    const auto shuttingDown = d->m_shuttingDown;
-    d->m_unpackPool->start([channel, packageFile, targetFolder, limits, shuttingDown] {
-        ProgressThrottle throttle;
-        const Outcome outcome = Package::extract(packageFile, targetFolder,
-                                                 [&](qint64 done, qint64 total) {
-                                                     if (channel->isAborted() || *shuttingDown)
-                                                         return false;
-                                                     if (throttle.ready() || done == total)
-                                                         channel->progress(done, total);
-                                                     return true;
-                                                 },
-                                                 limits);
-        QVariantMap result{{QStringLiteral("file"), packageFile}, {QStringLiteral("path"), targetFolder}};
-        if (outcome) {
-            result.insert(QStringLiteral("bytesTotal"), QFileInfo(packageFile).size());
-        } else {
-            result.insert(QStringLiteral("entry"), outcome.subject);
-            qCWarning(lcVindal).noquote() << "unpacking failed:" << errorKey(outcome.code) << outcome.message;
-        }
-        channel->clearAbortHandler();
-        channel->finish(outcome.code, result, outcome.message);
-    });
+    d->m_unpackPool->start([d = d, channel, job] { d->unpack(channel, job); });
+}
+
+void ManagerPrivate::unpack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job)
+{
+    if (DeltaApplier::isDelta(job.packageFile))
+        return applyDelta(channel, job);
+    ProgressThrottle throttle;
+    const Outcome outcome = Package::extract(job.packageFile, job.targetFolder,
+                                             [&](qint64 done, qint64 total) {
+                                                 if (channel->isAborted() || *m_shuttingDown)
+                                                     return false;
+                                                 if (throttle.ready() || done == total)
+                                                     channel->progress(done, total);
+                                                 return true;
+                                             },
+                                             job.limits);
+    QVariantMap result{{QStringLiteral("file"), job.packageFile}, {QStringLiteral("path"), job.targetFolder}};
+    if (outcome) {
+        result.insert(QStringLiteral("bytesTotal"), QFileInfo(job.packageFile).size());
+        noteInstalled(job, job.delivered.value(QStringLiteral("module")).toString(), job.delivered.value(QStringLiteral("version")).toString());
+    } else {
+        result.insert(QStringLiteral("entry"), outcome.subject);
+        qCWarning(lcVindal).noquote() << "unpacking failed:" << errorKey(outcome.code) << outcome.message;
+    }
+    channel->clearAbortHandler();
+    channel->finish(outcome.code, result, outcome.message);
 }
 
 Reply *Manager::checkUpgrade(const QString &programFolder, const QString &modelCode, const QString &environment,

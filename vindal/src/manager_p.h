@@ -7,6 +7,7 @@
 #include "repositoryconfig_p.h"
 #include "repositoryrequest_p.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QMutex>
 #include <QtCore/QThreadPool>
 
@@ -36,6 +37,25 @@ public:
     Reply *fetchModule(const QString &module, const VDBasicInfo &info, bool writeVerifyFile);
     void shutdown();
 
+    // One unpack: what loadOfflinePackage was given, and what this manager
+    // knows of the package (its download's description, empty for a package
+    // it did not download) and of the repository.
+    struct UnpackJob
+    {
+        QString packageFile;
+        QString targetFolder;
+        ExtractLimits limits;
+        QVariantMap delivered;
+        QString identity;
+    };
+    void unpack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job);
+    // managerdelta.cpp: a delta package's unpack, and its fall-back to the
+    // full package (on the manager's thread).
+    void applyDelta(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job);
+    void fallBack(const std::shared_ptr<ReplyChannel> &channel, const UnpackJob &job, const std::shared_ptr<void> &state);
+    void noteDelta(const QVariantMap &delta, const UnpackJob &job, const QString &module, const QString &version);
+    void noteInstalled(const UnpackJob &job, const QString &module, const QString &version);
+
     Manager *q;
     QObject *m_requests;                       // parent of the running requests, a child of q
     QNetworkAccessManager *m_network = nullptr;
@@ -45,6 +65,7 @@ public:
 
     mutable QMutex m_mutex;                    // guards what other threads read
     QVariantMap m_packageInfo;
+    QHash<QString, QVariantMap> m_delivered;   // the downloads' descriptions, by path
     ExtractLimits m_limits;
 
     QThreadPool *m_unpackPool;                 // a child of q, so it moves with the manager

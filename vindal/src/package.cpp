@@ -3,6 +3,7 @@
 
 #include "archivecreator_p.h"
 #include "archiveextractor_p.h"
+#include "deltaapplier_p.h"
 #include "plainfile_p.h"
 
 #include <QtCore/QFile>
@@ -59,6 +60,10 @@ Outcome Package::verify(const QString &packageFile)
 Outcome Package::extract(const QString &packageFile, const QString &targetFolder, const ProgressCallback &progress,
                          const ExtractLimits &limits)
 {
+    // An unpack interrupted half-way through a delta's renames is completed first.
+    DeltaApplier::recover(targetFolder);
+    if (DeltaApplier::isDelta(packageFile))
+        return DeltaApplier(packageFile, targetFolder, limits).run(progress);
     return ArchiveExtractor(packageFile, targetFolder, limits).run(progress);
 }
 

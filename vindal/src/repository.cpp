@@ -2,6 +2,7 @@
 #include <vindal/repository.h>
 
 #include "packageindex_p.h"
+#include "repositoryfiles_p.h"
 #include "repositorylayout_p.h"
 #include "signature_p.h"
 
@@ -14,7 +15,8 @@
 
 namespace Vindal {
 
-namespace {
+// The helpers the delta publishing shares (repositorydeltas.cpp).
+namespace RepositoryFiles {
 
 // Ten years: an expiry is meant to be renewed by publishing again.
 const int MaxExpiryDays = 3650;
@@ -30,7 +32,7 @@ Outcome readFile(const QString &path, qint64 limit, QByteArray *bytes)
     return Outcome::success();
 }
 
-Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly = false)
+Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly)
 {
     QSaveFile file(path);
     bool ok = file.open(QIODevice::WriteOnly);
@@ -183,7 +185,9 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
     return Outcome::success(QStringLiteral("published %1 %2 (signed)").arg(name, version));
 }
 
-} // namespace
+} // namespace RepositoryFiles
+
+using namespace RepositoryFiles;
 
 Outcome Repository::publish(const QString &packageFile, const QString &repoFolder, const QString &module,
                             const QString &version, const QString &secretKeyFile, int expiresInDays)

@@ -158,6 +158,16 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
         return false;
     }
 
+    // Delta updates: the version installed now (when the client knows it
+    // better than the library's own record) and whether to use them.
+    c.installedVersion = moduleInfo.value(QStringLiteral("installedVersion")).toString();
+    c.useDeltas = map.value(QStringLiteral("deltas"), true).toBool();
+    if ((!c.installedVersion.isEmpty() && !PackageIndex::isValidVersion(c.installedVersion))
+        || (map.contains(QStringLiteral("deltas")) && map.value(QStringLiteral("deltas")).type() != QVariant::Bool)) {
+        *error = QStringLiteral("\"moduleInfo\" \"installedVersion\" must be a valid version and \"deltas\" true or false");
+        return false;
+    }
+
     c.storagePath = map.value(QStringLiteral("startDownload")).toMap().value(QStringLiteral("temporaryStoragePath")).toString();
 
     const QVariantMap unpack = map.value(QStringLiteral("unpack")).toMap();

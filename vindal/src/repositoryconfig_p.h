@@ -29,6 +29,8 @@ struct RepositoryConfig
     QList<QSslCertificate> caCertificates;
     QString module;                  // "moduleInfo" -> "module" (or "name")
     QString pinnedVersion;           // "moduleInfo" -> "version"
+    QString installedVersion;        // "moduleInfo" -> "installedVersion"; empty: the library's record
+    bool useDeltas = true;           // "deltas"
     QString storagePath;             // "startDownload" -> "temporaryStoragePath"
     ExtractLimits limits;
 

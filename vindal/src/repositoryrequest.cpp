@@ -1,5 +1,6 @@
 #include "repositoryrequest_p.h"
 
+#include "deltaref_p.h"
 #include "download_p.h"
 #include "indexcache_p.h"
 #include "indexfetcher_p.h"
@@ -114,13 +115,19 @@ void RepositoryRequest::indexed(const Outcome &outcome, const PackageIndex &inde
         result.insert(QStringLiteral("resolveError"), selected.message);
         return finish(Outcome::success(), result);
     }
-    const QVariantMap info = describe(*entry, m_config.bases.at(base));
+    QVariantMap info = describe(*entry, m_config.bases.at(base));
     if (m_target.kind == PackageIndex::Module)
         m_resolved(info);
     if (m_mode == Resolve) {
         result.insert(QStringLiteral("module"), m_target.name);
         result.insert(QStringLiteral("packageInfo"), info);
         return finish(Outcome::success(), result);
+    }
+
+    DeltaRef delta;
+    if (m_target.useDelta && DeltaRef::pick(*entry, m_target.installedVersion, &delta)) {
+        info = DeltaRef::describe(describe(delta.package, m_config.bases.at(base)), *entry, delta);
+        entry = &delta.package;
     }
 
     // The base that served the index first, then the others in their order.
@@ -173,6 +180,7 @@ QVariantMap RepositoryRequest::describe(const IndexEntry &entry, const QUrl &bas
 {
     const QString folder = m_config.storagePath.isEmpty() ? RepositoryConfig::defaultStoragePath() : m_config.storagePath;
     QVariantMap info = entry.extra;
+    info.remove(QStringLiteral("deltas")); // the client's own business
     info.insert(m_target.kind == PackageIndex::Module ? QStringLiteral("module") : QStringLiteral("modelCode"), m_target.name);
     info.insert(QStringLiteral("version"), entry.version);
     info.insert(QStringLiteral("file"), QVariantMap{{QStringLiteral("name"), entry.file}});
@@ -215,6 +223,8 @@ void RepositoryRequest::downloaded(const Outcome &outcome, const QVariantMap &in
     for (auto it = info.cbegin(); it != info.cend(); ++it)
         result.insert(it.key(), it.value());
     qCInfo(lcVindal) << "downloaded" << path;
+    if (m_target.delivered)
+        m_target.delivered(result);
     finish(Outcome::success(), result);
 }
 

@@ -39,6 +39,11 @@ public:
         bool pinned = false;     // an explicit version passes the downgrade protection
         bool writeVerifyFile = false;
         QVariantMap extra;       // copied into the result unread
+        // Fetch: a delta from the installed version instead of the package
+        // when one is listed and smaller; delivered hears every download.
+        bool useDelta = false;
+        QString installedVersion;
+        std::function<void(const QVariantMap &result)> delivered;
         // ListUpgrades: the filters of checkUpgrade.
         QString environment;
         QString os;

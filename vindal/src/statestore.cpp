@@ -26,6 +26,9 @@ const int LockWaitMs = 30000;
 // Other keys (marks of earlier versions, keyed by module alone) are kept
 // as they are.
 const QString MarksKey = QStringLiteral("marks");
+// { "installed": { "<repository identity>": { "<module>": "<version>" } } }:
+// the version last unpacked, which a delta update starts from.
+const QString InstalledKey = QStringLiteral("installed");
 const qint64 MaxStateBytes = 4 * 1024 * 1024;
 
 Outcome damaged(const QString &file, const QString &why)
@@ -108,6 +111,31 @@ Outcome StateStore::highWater(const QString &repository, const QString &module, 
 
 Outcome StateStore::raise(const QString &repository, const QString &module, const QString &version)
 {
+    return change(MarksKey, repository, module, QStringLiteral("the mark of %1 %2").arg(module, version), [&version](const QString &current) {
+        return current.isEmpty() || PackageIndex::compareVersions(version, current) > 0 ? version : current;
+    });
+}
+
+QString StateStore::installed(const QString &repository, const QString &module)
+{
+    QMutexLocker lock(&s_mutex);
+    const QString file = path();
+    QLockFile processLock(file + QLatin1String(".lock"));
+    lockAgainstProcesses(&processLock, file);
+    QJsonObject root;
+    load(&root);
+    return root.value(InstalledKey).toObject().value(repository).toObject().value(module).toString();
+}
+
+Outcome StateStore::setInstalled(const QString &repository, const QString &module, const QString &version)
+{
+    return change(InstalledKey, repository, module, QStringLiteral("the installed version of %1").arg(module),
+                  [&version](const QString &) { return version; });
+}
+
+Outcome StateStore::change(const QString &key, const QString &repository, const QString &module, const QString &what,
+                           const std::function<QString(const QString &)> &newValue)
+{
     QMutexLocker lock(&s_mutex);
     const QString file = path();
     QLockFile processLock(file + QLatin1String(".lock"));
@@ -120,18 +148,19 @@ Outcome StateStore::raise(const QString &repository, const QString &module, cons
     const Outcome loaded = load(&root);
     if (!loaded)
         return loaded;
-    QJsonObject marks = root.value(MarksKey).toObject();
-    QJsonObject modules = marks.value(repository).toObject();
+    QJsonObject repositories = root.value(key).toObject();
+    QJsonObject modules = repositories.value(repository).toObject();
     const QString current = modules.value(module).toString();
-    if (!current.isEmpty() && PackageIndex::compareVersions(version, current) <= 0)
+    const QString value = newValue(current);
+    if (value == current)
         return Outcome::success();
-    modules.insert(module, version);
-    marks.insert(repository, modules);
-    root.insert(MarksKey, marks);
+    modules.insert(module, value);
+    repositories.insert(repository, modules);
+    root.insert(key, repositories);
 
     QSaveFile save(file);
     if (!save.open(QIODevice::WriteOnly) || save.write(QJsonDocument(root).toJson()) < 0 || !save.commit())
-        return damaged(file, QStringLiteral("cannot be written (%1), so the mark of %2 %3 would be lost").arg(save.errorString(), module, version));
+        return damaged(file, QStringLiteral("cannot be written (%1), so %2 would be lost").arg(save.errorString(), what));
     return Outcome::success();
 }
 

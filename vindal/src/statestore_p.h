@@ -5,6 +5,8 @@
 
 #include <QtCore/QString>
 
+#include <functional>
+
 namespace Vindal {
 
 // The client's own small persistent state: per repository and module the
@@ -25,6 +27,16 @@ public:
     // Raises the mark to version when that is higher, holding the lock file
     // "<state file>.lock" that every process using the file respects.
     static Outcome raise(const QString &repository, const QString &module, const QString &version);
+    // The version of module last unpacked from that repository (a delta
+    // update starts from it); empty when unknown or unreadable.
+    static QString installed(const QString &repository, const QString &module);
+    static Outcome setInstalled(const QString &repository, const QString &module, const QString &version);
+
+private:
+    // Sets the value under key/repository/module to what newValue makes of
+    // the current one, under the lock.
+    static Outcome change(const QString &key, const QString &repository, const QString &module, const QString &what,
+                          const std::function<QString(const QString &)> &newValue);
 };
 
 } // namespace Vindal

@@ -55,7 +55,10 @@ public:
     // tricks or escaping links), no hard links, device files or setuid bits,
     // size and entry caps against bombs. Existing files are replaced
     // atomically. Progress counts the package file's bytes read against its
-    // size, ending with (size, size).
+    // size, ending with (size, size). A delta package is applied to the
+    // installed version in targetFolder instead (see docs/repository.md,
+    // "Delta updates"), and an apply that was interrupted there is
+    // completed first.
     static Outcome extract(const QString &packageFile, const QString &targetFolder,
                            const ProgressCallback &progress = ProgressCallback(),
                            const ExtractLimits &limits = ExtractLimits());

@@ -43,6 +43,22 @@ public:
     static Outcome verifyPackage(const QString &packageFile, const QString &repoFolder, const QString &module,
                                  const QString &version = QString(), const QString &publicKey = QString());
 
+    // Delta packages (see docs/repository.md, "Delta updates"). Makes a
+    // delta to version from each of the count newest older versions whose
+    // packages are still in the repository, lists them under version in the
+    // index (replacing the deltas listed there before) and signs the index
+    // again with the key, or leaves it unsigned as publish does. A delta
+    // that is not smaller than the full package is not kept.
+    static Outcome publishDeltas(const QString &repoFolder, const QString &module, const QString &version, int count = 3,
+                                 const QString &secretKeyFile = QString());
+    // The deltas of the module's versions, newest version first, one line each.
+    static Outcome listDeltas(const QString &repoFolder, const QString &module);
+    // Removes the deltas (files and index entries) of every version but the
+    // keep newest ones; clients take the newest version, so older deltas only
+    // serve clients pinned to an older version.
+    static Outcome pruneDeltas(const QString &repoFolder, const QString &module, int keep = 1,
+                               const QString &secretKeyFile = QString());
+
     // Writes an Ed25519 key pair: "<name>.key" (secret, owner-only) and
     // "<name>.pub", both base64 text. The outcome's subject is the public key.
     static Outcome keygen(const QString &name);
