@@ -18,7 +18,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(config packageindex arguments archive)
+[ ${#targets[@]} -gt 0 ] || targets=(config packageindex arguments archive binarypatch)
 build=${CORBETH_FUZZ_BUILD_DIR:-build-fuzz}
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ \

@@ -17,14 +17,14 @@ class tst_BinaryPatch : public QObject
     QTemporaryDir m_dir;
     QString path(const QString &name) const { return m_dir.filePath(name); }
 
-    QByteArray make(const QByteArray &oldData, const QByteArray &newData)
+    QByteArray make(const QByteArray &oldData, const QByteArray &newData, BinaryPatch::Codec codec)
     {
         writeFile(path("old"_s), oldData);
         writeFile(path("new"_s), newData);
         QBuffer patch;
         patch.open(QIODevice::WriteOnly);
         QString error;
-        if (!BinaryPatch::make(path("old"_s), path("new"_s), &patch, &error))
+        if (!BinaryPatch::make(path("old"_s), path("new"_s), &patch, &error, codec))
             qWarning() << error;
         return patch.data();
     }
@@ -43,6 +43,7 @@ class tst_BinaryPatch : public QObject
 private slots:
     void roundTrip_data()
     {
+        QTest::addColumn<int>("codec");
         QTest::addColumn<QByteArray>("oldData");
         QTest::addColumn<QByteArray>("newData");
         QTest::addColumn<int>("maxPatch"); // a patch beyond it finds no match
@@ -51,21 +52,28 @@ private slots:
         QByteArray moved = a.mid(200000) + a.mid(0, 100000) + b.left(100) + a.mid(100000, 100000);
         for (int i = 0; i < moved.size(); i += 4096)
             moved[i] = char(moved[i] + 1); // a changed pointer every page
-        QTest::newRow("identical") << a << a << 1000;
-        QTest::newRow("empty old") << QByteArray() << b << b.size() + 1000;
-        QTest::newRow("empty new") << a << QByteArray() << 1000;
-        QTest::newRow("both empty") << QByteArray() << QByteArray() << 1000;
-        QTest::newRow("appended") << a << a + b << b.size() + 1000;
-        QTest::newRow("inserted") << a << a.left(1234) + b + a.mid(1234) << b.size() + 1000;
-        QTest::newRow("moved blocks") << a << moved << 3000;
+        // Runs and chunks longer than the codec cuts them to.
+        const QByteArray big = pseudoRandom(3 << 20, 4), bigInserted = big.left(1 << 20) + pseudoRandom(1500000, 5) + big;
+        for (const auto codec : {BinaryPatch::ZstdPrefix, BinaryPatch::Suffix}) {
+            const char *name = codec == BinaryPatch::Suffix ? "suffix" : "zstd";
+            QTest::addRow("%s identical", name) << int(codec) << a << a << 1000;
+            QTest::addRow("%s empty old", name) << int(codec) << QByteArray() << b << b.size() + 1000;
+            QTest::addRow("%s empty new", name) << int(codec) << a << QByteArray() << 1000;
+            QTest::addRow("%s both empty", name) << int(codec) << QByteArray() << QByteArray() << 1000;
+            QTest::addRow("%s appended", name) << int(codec) << a << a + b << b.size() + 1000;
+            QTest::addRow("%s inserted", name) << int(codec) << a << a.left(1234) + b + a.mid(1234) << b.size() + 1000;
+            QTest::addRow("%s moved blocks", name) << int(codec) << a << moved << 3000;
+            QTest::addRow("%s large", name) << int(codec) << big << bigInserted << 1500000 + 10000;
+        }
     }
 
     void roundTrip()
     {
+        QFETCH(int, codec);
         QFETCH(QByteArray, oldData);
         QFETCH(QByteArray, newData);
         QFETCH(int, maxPatch);
-        const QByteArray patch = make(oldData, newData);
+        const QByteArray patch = make(oldData, newData, BinaryPatch::Codec(codec));
         QVERIFY(!patch.isEmpty());
         QVERIFY2(patch.size() <= maxPatch, QByteArray::number(patch.size()));
         QByteArray result;
@@ -82,23 +90,26 @@ private slots:
         const QByteArray a = pseudoRandom(100000, 3);
         QByteArray b = a;
         b.replace(5000, 10, "0123456789");
-        const QByteArray patch = make(a, b);
-        const auto flipped = [&](int at) { return QByteArray(patch).replace(at, 1, QByteArray(1, char(patch[at] ^ 0x40))); };
         QByteArray otherOld = a;
         otherOld[77777] = char(a[77777] + 1);
         const QByteArray damaged = "the patch is damaged", misfit = "the patch does not fit";
-        QTest::newRow("truncated") << patch.left(patch.size() - 1) << a << damaged;
-        QTest::newRow("header only") << patch.left(56) << a << damaged;
-        QTest::newRow("cut header") << patch.left(20) << a << damaged;
-        QTest::newRow("trailing byte") << patch + 'x' << a << damaged;
-        QTest::newRow("bad magic") << flipped(0) << a << damaged;
-        QTest::newRow("unknown codec") << flipped(4) << a << damaged;
-        QTest::newRow("huge new size") << flipped(23) << a << damaged;
-        QTest::newRow("old size") << flipped(8) << a << misfit;
-        QTest::newRow("body byte") << flipped(patch.size() / 2) << a << QByteArray("the patch");
-        QTest::newRow("checksum") << flipped(40) << a << misfit;
-        QTest::newRow("other old file") << patch << otherOld << misfit;
-        QTest::newRow("shorter old file") << patch << a.left(99999) << misfit;
+        for (const auto codec : {BinaryPatch::ZstdPrefix, BinaryPatch::Suffix}) {
+            const char *name = codec == BinaryPatch::Suffix ? "suffix" : "zstd";
+            const QByteArray patch = make(a, b, codec);
+            const auto flipped = [&](int at) { return QByteArray(patch).replace(at, 1, QByteArray(1, char(patch[at] ^ 0x40))); };
+            QTest::addRow("%s truncated", name) << patch.left(patch.size() - 1) << a << damaged;
+            QTest::addRow("%s header only", name) << patch.left(56) << a << damaged;
+            QTest::addRow("%s cut header", name) << patch.left(20) << a << damaged;
+            QTest::addRow("%s trailing byte", name) << patch + 'x' << a << damaged;
+            QTest::addRow("%s bad magic", name) << flipped(0) << a << damaged;
+            QTest::addRow("%s unknown codec", name) << flipped(4) << a << damaged;
+            QTest::addRow("%s huge new size", name) << flipped(23) << a << damaged;
+            QTest::addRow("%s old size", name) << flipped(8) << a << misfit;
+            QTest::addRow("%s body byte", name) << flipped(patch.size() - 20) << a << QByteArray("the patch");
+            QTest::addRow("%s checksum", name) << flipped(40) << a << misfit;
+            QTest::addRow("%s other old file", name) << patch << otherOld << misfit;
+            QTest::addRow("%s shorter old file", name) << patch << a.left(99999) << misfit;
+        }
     }
 
     void refused()

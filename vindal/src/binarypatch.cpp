@@ -1,6 +1,7 @@
 #include "binarypatch_p.h"
 
 #include "digest_p.h"
+#include "suffixdiff_p.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QIODevice>
@@ -8,6 +9,7 @@
 
 #include <zstd.h>
 
+#include <functional>
 #include <memory>
 
 namespace Vindal {
@@ -20,11 +22,10 @@ namespace {
 // was made from is refused rather than producing something else).
 constexpr char Magic[4] = {'V', 'D', 'B', 'P'};
 constexpr int HeaderSize = 4 + 4 + 8 + 8 + 32;
-enum Codec : quint8 { ZstdPrefix = 1 };
 
 struct Header
 {
-    Codec codec = ZstdPrefix;
+    BinaryPatch::Codec codec = BinaryPatch::Suffix;
     quint64 oldSize = 0;
     quint64 newSize = 0;
     QByteArray sha256;
@@ -40,23 +41,30 @@ struct Header
         memcpy(p + 24, sha256.constData(), 32);
         return out;
     }
+    // False for a header no patch of ours has, or one announcing sizes
+    // making would have refused.
     bool decode(const QByteArray &in)
     {
         const char *p = in.constData();
-        if (in.size() != HeaderSize || memcmp(p, Magic, 4) != 0 || p[5] || p[6] || p[7])
+        if (memcmp(p, Magic, 4) != 0 || p[5] || p[6] || p[7])
             return false;
-        codec = Codec(quint8(p[4]));
+        codec = BinaryPatch::Codec(quint8(p[4]));
         oldSize = qFromLittleEndian<quint64>(p + 8);
         newSize = qFromLittleEndian<quint64>(p + 16);
         sha256 = in.mid(24, 32);
-        return codec == ZstdPrefix;
+        const quint64 limit = quint64(BinaryPatch::maxDiffSize());
+        return (codec == BinaryPatch::Suffix && oldSize <= limit && newSize <= limit)
+            || (codec == BinaryPatch::ZstdPrefix && oldSize + newSize <= quint64(BinaryPatch::maxZstdSize()));
     }
 };
 
+// Making holds both files, and the suffix array: about seven times the
+// larger file at the peak. Applying holds neither.
+constexpr qint64 DiffLimit = 64 << 20;
 // The zstd codec holds the old file whole while it applies (the new file's
 // matches reach back into it), and its window covers the old and the new:
 // both together stay under this.
-constexpr qint64 ZstdPrefixLimit = 48 << 20;
+constexpr qint64 ZstdPrefixLimit = 40 << 20;
 constexpr int ZstdLevel = 19;
 
 QByteArray sha256Of(const QByteArray &data)
@@ -96,37 +104,13 @@ bool readWhole(const QString &path, QByteArray *data, QString *error)
     return true;
 }
 
-// Reads up to size bytes, less only at the end: a sequential device may hand
-// them over in pieces.
-qint64 readFull(QIODevice *device, char *data, qint64 size)
-{
-    qint64 done = 0;
-    while (done < size) {
-        const qint64 n = device->read(data + done, size - done);
-        if (n < 0)
-            return -1;
-        if (n == 0 && !device->waitForReadyRead(-1))
-            break;
-        done += n;
-    }
-    return done;
-}
-
-bool writeAll(QIODevice *device, const char *data, qint64 size, QString *error)
-{
-    if (device->write(data, size) == size)
-        return true;
-    *error = QStringLiteral("cannot write the patch: %1").arg(device->errorString());
-    return false;
-}
-
 struct ZstdFree
 {
     void operator()(ZSTD_CCtx *c) const { ZSTD_freeCCtx(c); }
     void operator()(ZSTD_DCtx *d) const { ZSTD_freeDCtx(d); }
 };
 
-QByteArray makeZstdPrefix(const QByteArray &oldData, const QByteArray &newData, QString *error)
+bool makeZstdPrefix(const QByteArray &oldData, const QByteArray &newData, QByteArray *out, QString *error)
 {
     std::unique_ptr<ZSTD_CCtx, ZstdFree> cctx(ZSTD_createCCtx());
     ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_compressionLevel, ZstdLevel);
@@ -134,32 +118,32 @@ QByteArray makeZstdPrefix(const QByteArray &oldData, const QByteArray &newData, 
     ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_enableLongDistanceMatching, 1);
     ZSTD_CCtx_setParameter(cctx.get(), ZSTD_c_contentSizeFlag, 1);
     ZSTD_CCtx_refPrefix(cctx.get(), oldData.constData(), size_t(oldData.size()));
-    QByteArray out(int(ZSTD_compressBound(size_t(newData.size()))), Qt::Uninitialized);
-    const size_t n = ZSTD_compress2(cctx.get(), out.data(), size_t(out.size()), newData.constData(), size_t(newData.size()));
+    out->resize(int(ZSTD_compressBound(size_t(newData.size()))));
+    const size_t n = ZSTD_compress2(cctx.get(), out->data(), size_t(out->size()), newData.constData(), size_t(newData.size()));
     if (ZSTD_isError(n)) {
         *error = QStringLiteral("cannot compress the patch: %1").arg(QLatin1String(ZSTD_getErrorName(n)));
-        return {};
+        return false;
     }
-    out.truncate(int(n));
-    return out;
+    out->truncate(int(n));
+    return true;
 }
 
 // Decompresses the one zstd frame that follows the header, against oldData,
-// into out; false when the frame is damaged, is not the announced size, or
-// the patch goes on after it.
-bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice *patch, QIODevice *out,
-                     Digest *digest, QString *error)
+// handing the bytes to write; false when the frame is damaged or does not
+// announce the new file's size.
+bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice *patch,
+                     const std::function<bool(const char *, qint64)> &write)
 {
     std::unique_ptr<ZSTD_DCtx, ZstdFree> dctx(ZSTD_createDCtx());
     ZSTD_DCtx_setParameter(dctx.get(), ZSTD_d_windowLogMax, windowLogFor(header.oldSize, header.newSize));
     ZSTD_DCtx_refPrefix(dctx.get(), oldData.constData(), size_t(oldData.size()));
     QByteArray in(int(ZSTD_DStreamInSize()), Qt::Uninitialized);
     QByteArray buffer(int(ZSTD_DStreamOutSize()), Qt::Uninitialized);
-    quint64 written = 0;
     bool first = true;
     size_t pending = 1;
     while (pending != 0) {
-        const qint64 n = readFull(patch, in.data(), in.size());
+        // Up to the frame's end, so that nothing after it is taken.
+        const qint64 n = BinaryPatch::readFull(patch, in.data(), first ? in.size() : qint64(qMin(pending, size_t(in.size()))));
         if (n <= 0)
             return false;
         // A frame that does not announce the new file's size could make the
@@ -173,27 +157,42 @@ bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice 
         while (pending != 0 && (input.pos < input.size || output.pos == output.size)) {
             output.pos = 0;
             pending = ZSTD_decompressStream(dctx.get(), &output, &input);
-            if (ZSTD_isError(pending) || (written += output.pos) > header.newSize)
-                return false;
-            digest->add(buffer.constData(), qint64(output.pos));
-            if (!writeAll(out, buffer.constData(), qint64(output.pos), error))
+            if (ZSTD_isError(pending) || !write(buffer.constData(), qint64(output.pos)))
                 return false;
         }
         if (input.pos < input.size)
             return false; // bytes after the frame
     }
-    char more;
-    return written == header.newSize && readFull(patch, &more, 1) == 0;
+    return true;
 }
 
 } // namespace
 
 qint64 BinaryPatch::maxDiffSize()
 {
-    return ZstdPrefixLimit / 2;
+    return DiffLimit;
 }
 
-bool BinaryPatch::make(const QString &oldFile, const QString &newFile, QIODevice *patch, QString *error)
+qint64 BinaryPatch::maxZstdSize()
+{
+    return ZstdPrefixLimit;
+}
+
+qint64 BinaryPatch::readFull(QIODevice *device, char *data, qint64 size)
+{
+    qint64 done = 0;
+    while (done < size) {
+        const qint64 n = device->read(data + done, size - done);
+        if (n < 0)
+            return -1;
+        if (n == 0 && !device->waitForReadyRead(30000))
+            break;
+        done += n;
+    }
+    return done;
+}
+
+bool BinaryPatch::make(const QString &oldFile, const QString &newFile, QIODevice *patch, QString *error, Codec codec)
 {
     QByteArray oldData, newData;
     if (!readWhole(oldFile, &oldData, error) || !readWhole(newFile, &newData, error))
@@ -202,17 +201,34 @@ bool BinaryPatch::make(const QString &oldFile, const QString &newFile, QIODevice
     header.oldSize = quint64(oldData.size());
     header.newSize = quint64(newData.size());
     header.sha256 = sha256Of(newData);
-    const QByteArray body = makeZstdPrefix(oldData, newData, error);
-    if (body.isEmpty())
+    const bool zstdFits = oldData.size() + newData.size() <= maxZstdSize();
+    if (codec == ZstdPrefix && !zstdFits) {
+        *error = QStringLiteral("%1, %2: too large to diff with zstd").arg(oldFile, newFile);
         return false;
-    return writeAll(patch, header.encode(), HeaderSize, error) && writeAll(patch, body.constData(), body.size(), error);
+    }
+    QByteArray body, other;
+    if (codec != ZstdPrefix && !SuffixDiff::make(oldData, newData, &body, error))
+        return false;
+    if (codec != Suffix && zstdFits) {
+        if (!makeZstdPrefix(oldData, newData, &other, error))
+            return false;
+        if (codec == ZstdPrefix || other.size() < body.size()) {
+            body = other;
+            header.codec = ZstdPrefix;
+        }
+    }
+    const QByteArray head = header.encode();
+    if (patch->write(head) == head.size() && patch->write(body) == body.size())
+        return true;
+    *error = QStringLiteral("cannot write the patch: %1").arg(patch->errorString());
+    return false;
 }
 
 bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error)
 {
     Header header;
     QByteArray bytes(HeaderSize, Qt::Uninitialized);
-    if (readFull(patch, bytes.data(), HeaderSize) != HeaderSize || !header.decode(bytes) || header.newSize > quint64(maxDiffSize())) {
+    if (readFull(patch, bytes.data(), HeaderSize) != HeaderSize || !header.decode(bytes)) {
         *error = QStringLiteral("the patch is damaged");
         return false;
     }
@@ -221,18 +237,35 @@ bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out
         *error = QStringLiteral("%1: %2").arg(oldFile, file.errorString());
         return false;
     }
-    if (quint64(file.size()) != header.oldSize || header.oldSize + header.newSize > quint64(ZstdPrefixLimit)) {
+    if (quint64(file.size()) != header.oldSize) {
         *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
         return false;
     }
-    const QByteArray oldData = file.read(qint64(header.oldSize));
-    if (quint64(oldData.size()) != header.oldSize) {
-        *error = QStringLiteral("%1: %2").arg(oldFile, file.errorString());
-        return false;
-    }
     Digest digest(Digest::Sha256);
+    quint64 written = 0;
     error->clear();
-    if (!applyZstdPrefix(oldData, header, patch, out, &digest, error)) {
+    const auto write = [&](const char *data, qint64 size) {
+        if ((written += quint64(size)) > header.newSize)
+            return false;
+        digest.add(data, size);
+        if (out->write(data, size) == size)
+            return true;
+        *error = QStringLiteral("cannot write the patched file: %1").arg(out->errorString());
+        return false;
+    };
+    bool applied;
+    if (header.codec == ZstdPrefix) {
+        const QByteArray oldData = file.read(qint64(header.oldSize));
+        if (quint64(oldData.size()) != header.oldSize) {
+            *error = QStringLiteral("%1: %2").arg(oldFile, file.errorString());
+            return false;
+        }
+        applied = applyZstdPrefix(oldData, header, patch, write);
+    } else {
+        applied = SuffixDiff::apply(&file, patch, qint64(header.newSize), write);
+    }
+    char more;
+    if (!applied || written != header.newSize || readFull(patch, &more, 1) != 0) {
         if (error->isEmpty())
             *error = QStringLiteral("the patch is damaged");
         return false;
