@@ -5,6 +5,7 @@
 // Exit codes: 0 success, 1 the operation failed, 2 the command line is wrong.
 #include "formatbytes.h"
 #include "progressprinter.h"
+#include "rotatekey.h"
 
 #include <vindal/manager.h>
 #include <vindal/package.h>
@@ -34,6 +35,8 @@ const char *const kUsage =
     "  publish <package> --repo <folder> --module <name> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
     "  publish <package> --repo <folder> --model-code <code> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
     "  keygen <name>\n"
+    "  rotate-key --repo <folder> --key <secret-key-file>... [--add <public-key>]... [--retire <public-key>]...\n"
+    "        [--threshold <n>] [--expires <days>] [--sign-indexes <secret-key-file>]\n"
     "  verify <package> [--repo <folder> --module <name> [--version <v>] [--public-key <key>]]\n"
     "  extract <package> -C <folder>\n"
     "  fetch --server <url> --module <name> [--version <v>] -o <folder> [--mirror <url>]... [--public-key <key>]\n"
@@ -479,6 +482,7 @@ int main(int argc, char *argv[])
     const QList<QPair<QLatin1String, Command>> commands{
         {QLatin1String("create"), create},   {QLatin1String("publish"), publish}, {QLatin1String("keygen"), keygen},
         {QLatin1String("verify"), verify},   {QLatin1String("extract"), extract}, {QLatin1String("fetch"), fetch},
+        {QLatin1String("rotate-key"), rotateKey},
     };
     for (const auto &entry : commands) {
         if (command == entry.first)

@@ -2,6 +2,8 @@
 #include <vindal/repository.h>
 
 #include "packageindex_p.h"
+#include "repositoryfiles_p.h"
+#include "repositorykeys_p.h"
 #include "repositorylayout_p.h"
 #include "signature_p.h"
 
@@ -18,28 +20,6 @@ namespace {
 
 // Ten years: an expiry is meant to be renewed by publishing again.
 const int MaxExpiryDays = 3650;
-
-Outcome readFile(const QString &path, qint64 limit, QByteArray *bytes)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\": %2").arg(path, file.errorString()), path);
-    if (file.size() > limit)
-        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is larger than %2 bytes").arg(path).arg(limit), path);
-    *bytes = file.readAll();
-    return Outcome::success();
-}
-
-Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly = false)
-{
-    QSaveFile file(path);
-    bool ok = file.open(QIODevice::WriteOnly);
-    if (ok && ownerOnly)
-        ok = file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    if (!ok || file.write(bytes) != bytes.size() || !file.commit())
-        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(path, file.errorString()), path);
-    return Outcome::success();
-}
 
 // Copies through a temporary file in the destination folder, so a server
 // never hands out half a package under its final name.
@@ -82,16 +62,14 @@ Outcome loadIndex(const QString &path, PackageIndex *index)
     return Outcome::success();
 }
 
-Outcome readSecretKey(const QString &path, QByteArray *key)
+// Clients trust the keys the repository's key statement names, or without
+// one the key that signed it so far: an index signed with another key, or
+// left unsigned, would lock them out.
+Outcome admitsKey(const QString &repoFolder, const QByteArray &secretKey, const QString &secretKeyFile)
 {
-    QByteArray text;
-    const Outcome read = readFile(path, 1024, &text);
-    if (!read)
-        return read;
-    *key = Signature::decodeSecretKey(text);
-    if (key->isEmpty())
-        return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not an Ed25519 secret key").arg(path), path);
-    return Outcome::success();
+    RepositoryKeys keys;
+    const Outcome read = RepositoryKeys::read(repoFolder, &keys);
+    return read ? keys.admits(secretKey, secretKeyFile) : read;
 }
 
 Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const QString &repoFolder,
@@ -127,6 +105,9 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
         if (!key)
             return key;
     }
+    const Outcome admitted = admitsKey(repoFolder, secretKey, secretKeyFile);
+    if (!admitted)
+        return admitted;
     const FileDigest digest = FileDigest::ofFile(packageFile);
     if (!digest.isValid())
         return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
@@ -215,9 +196,15 @@ Outcome Repository::verifyPackage(const QString &packageFile, const QString &rep
             return Outcome::failure(Error::ConfigError,
                                     publicKey.trimmed().isEmpty() ? QStringLiteral("the public key is empty")
                                                                   : QStringLiteral("the public key is not a base64 Ed25519 key"));
+        // The key vouches for the keys of the repository's key statements.
+        KeyStatement trusted(key);
+        RepositoryKeys keys;
+        Outcome followed = RepositoryKeys::read(repoFolder, &keys);
+        if (!followed || !(followed = keys.follow(&trusted)))
+            return followed;
         QByteArray signature;
         const QString signaturePath = repo.filePath(RepositoryLayout::signature(PackageIndex::Module, module));
-        if (!readFile(signaturePath, RepositoryLayout::MaxSignatureBytes, &signature) || !Signature::verify(bytes, signature, key))
+        if (!readFile(signaturePath, RepositoryLayout::MaxSignatureBytes, &signature) || !trusted.signs(bytes, signature))
             return Outcome::failure(Error::SignatureInvalid, QStringLiteral("the index of %1 is unsigned or wrongly signed").arg(module),
                                     indexPath);
     }
