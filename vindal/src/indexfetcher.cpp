@@ -78,7 +78,9 @@ void IndexFetcher::followStatements(int number)
         return statementsFollowed();
     fetch(RepositoryLayout::keyStatement(number), RepositoryLayout::MaxStatementBytes,
           [this, number](const Transfer::Verdict &verdict, const QByteArray &document) {
-              if (verdict.outcome.code == Error::NotFound)
+              // Object stores that may not list their files answer 403 for a
+              // missing one. (A mirror can hide statements either way.)
+              if (verdict.outcome.code == Error::NotFound || verdict.status == 403)
                   return statementsFollowed();
               if (!verdict.outcome)
                   return failed(verdict);
@@ -89,11 +91,16 @@ void IndexFetcher::followStatements(int number)
                         Transfer::Verdict judged;
                         KeyStatement trusted;
                         judged.outcome = m_trusted.follow(number, document, signatures, &trusted);
-                        if (!judged.outcome)
+                        const QString base = m_config.bases.at(m_plan.current()).toString();
+                        judged.outcome.message.prepend(base + QLatin1String(": "));
+                        judged.outcome.subject = base;
+                        if (!judged.outcome.ok())
                             return failed(judged);
-                        m_trusted = trusted;
-                        if (!judged.outcome.message.isEmpty())
+                        if (trusted.number == m_trusted.number)
                             qCInfo(lcVindal) << judged.outcome.message;
+                        else
+                            qCInfo(lcVindal) << "key statement accepted:" << base << trusted.number;
+                        m_trusted = trusted;
                         followStatements(number + 1);
                     });
           });
