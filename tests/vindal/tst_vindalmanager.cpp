@@ -384,7 +384,7 @@ private slots:
 
     // Keys a, b, c rotate; x is an intruder's. Steps: "publish k"; "rotate k +add -retire =sign-indexes" (corbeth-pack
     // rotate-key); "keep" and "rollback" (the index signed now, and the statements after the first, brought back or taken
-    // away by a mirror); "replay 2 as 3"; "forge n" (statement n of x's repository) or "forge index"; and the code a
+    // away by a mirror); "replay 2 as 3"; "forge n" (statement n of x's repository) or "forge index"; "expire"; and the code a
     // download finishes with for a client configured only with key a, whose state goes on from step to step.
     void keyRotation_data()
     {
@@ -394,6 +394,7 @@ private slots:
         QTest::newRow("statement by another key, before any") << "publish a|forge 1|0|forge index|SignatureInvalid";
         QTest::newRow("statement by another key, after one") << "publish a|rotate a +b|0|forge 2|SignatureInvalid";
         QTest::newRow("older statement replayed") << "publish a|rotate a +b|rotate b -a =b|0|replay 1 as 3|SignatureInvalid";
+        QTest::newRow("statement kept expired, then renewed") << "publish a|rotate a +b|0|expire|IndexExpired|rotate b|0";
         QTest::newRow("statement moved to a later number") << "publish a|rotate a +b|rotate a +c|0|replay 2 as 3|InvalidIndex";
     }
 
@@ -431,6 +432,9 @@ private slots:
                     QVERIFY(keep ? copy(file, file + ".kept"_s) : copy(file + ".kept"_s, file));
                 for (int n = 2; !keep && QFile::remove(statement.arg(n)); ++n)
                     QVERIFY(QFile::remove(statement.arg(n) + ".sig"_s));
+            } else if (words.first() == "expire"_s) { // the statement the client keeps, as if its time had passed
+                const QString state = m_dir.filePath("state/vindal.json"_s);
+                QVERIFY(writeFile(state, readFile(state).replace("\"format\"", "\"expires\": \"2020-01-01T00:00:00Z\", \"format\"")));
             } else if (words.first() == "replay"_s) {
                 for (const QString &suffix : {QString(), ".sig"_s})
                     QVERIFY(copy(statement.arg(words.at(1)) + suffix, statement.arg(words.at(3)) + suffix));
