@@ -60,8 +60,11 @@ int rotateKey(const QStringList &arguments)
     const QString usage = QStringLiteral("corbeth-pack rotate-key: %1 (see 'corbeth-pack rotate-key --help')");
     if (!parser.parse(arguments))
         return report(stderr, usage.arg(parser.errorText()), 2);
-    if (parser.isSet(QStringLiteral("help")))
-        return report(stdout, parser.helpText() + QStringLiteral("\nExample:\n  ") + QLatin1String(kExample), 0);
+    if (parser.isSet(QStringLiteral("help"))) {
+        QString text = parser.helpText();
+        text.replace(0, text.indexOf(QLatin1Char('\n')), QStringLiteral("Usage: corbeth-pack rotate-key --repo <folder> --key <secret-key-file> [options]"));
+        return report(stdout, text + QStringLiteral("\nExample:\n  ") + QLatin1String(kExample), 0);
+    }
     if (!parser.positionalArguments().isEmpty())
         return report(stderr, usage.arg(QStringLiteral("takes no arguments")), 2);
     if (parser.value(QStringLiteral("repo")).isEmpty() || parser.value(QStringLiteral("key")).isEmpty())
