@@ -194,6 +194,13 @@ private slots:
         QTest::newRow("publish, empty key") << QStringList{"publish"_s, "@/app.tolmpkg"_s, "--repo"_s, "#/repo"_s,
                                                            "--module"_s, "app"_s, "--version"_s, "3"_s, "--key"_s, ""_s}
                                             << 1 << "--key is empty [ConfigError]"_s;
+        // A signed repository keeps the key its clients trust.
+        const QStringList publishSigned{"publish"_s, "@/app.tolmpkg"_s, "--repo"_s, "@/signed"_s, "--module"_s, "app"_s, "--version"_s, "3"_s};
+        QTest::newRow("publish, another key") << publishSigned + QStringList{"--key"_s, "@/wrong.key"_s} << 1 << "is not the one that signed"_s;
+        QTest::newRow("publish, no key") << publishSigned << 1 << "is a signed repository"_s;
+        QTest::newRow("rotate-key, another key")
+            << QStringList{"rotate-key"_s, "--repo"_s, "@/signed"_s, "--key"_s, "@/wrong.key"_s, "--add"_s, "@/wrong.pub"_s} << 1
+            << "is not the one that signed"_s;
         QTest::newRow("publish, the index's name with a dot")
             << QStringList{"publish"_s, "@/index.json."_s, "--repo"_s, "#/repo"_s, "--module"_s, "app"_s, "--version"_s, "3"_s}
             << 1 << "\"index.json.\" is taken by the repository layout"_s;

@@ -382,6 +382,79 @@ private slots:
         QCOMPARE(codeOf(finish(manager.downloadModule(Module, pinned))), then == int(Error::DowngradeRefused) ? 0 : then);
     }
 
+    // Keys a, b, c rotate; x is an intruder's. Steps: "publish k"; "rotate k +add -retire =sign-indexes" (corbeth-pack
+    // rotate-key); "keep" and "rollback" (the index signed now, and the statements after the first, brought back or taken
+    // away by a mirror); "replay 2 as 3"; "forge n" (statement n of x's repository) or "forge index"; "expire"; and the code a
+    // download finishes with for a client configured only with key a, whose state goes on from step to step.
+    void keyRotation_data()
+    {
+        QTest::addColumn<QString>("steps");
+        QTest::newRow("a to b, a retired") << "publish a|0|keep|rotate a +b|publish b|0|rotate b -a|0|rollback|SignatureInvalid";
+        QTest::newRow("a to b to c, one step each") << "publish a|rotate a +b -a =b|rotate b +c -b =c|0|publish c|0";
+        QTest::newRow("statement by another key, before any") << "publish a|forge 1|0|forge index|SignatureInvalid";
+        QTest::newRow("statement by another key, after one") << "publish a|rotate a +b|0|forge 2|SignatureInvalid";
+        QTest::newRow("older statement replayed") << "publish a|rotate a +b|rotate b -a =b|0|replay 1 as 3|SignatureInvalid";
+        QTest::newRow("statement kept expired, then renewed") << "publish a|rotate a +b|0|expire|IndexExpired|rotate b|0";
+        QTest::newRow("statement moved to a later number") << "publish a|rotate a +b|rotate a +c|0|replay 2 as 3|InvalidIndex";
+    }
+
+    void keyRotation()
+    {
+        QFETCH(QString, steps);
+        for (const QString &name : {"b"_s, "c"_s, "x"_s})
+            QVERIFY(QFileInfo::exists(m_dir.filePath(name + ".key"_s)) || Repository::keygen(m_dir.filePath(name)));
+        const auto key = [this](const QString &name, const QString &suffix = ".key"_s) {
+            return m_dir.filePath((name == "a"_s ? "maker"_s : name) + suffix);
+        };
+        const auto copy = [](const QString &from, const QString &to) {
+            QFile::remove(to);
+            return QFile::copy(from, to);
+        };
+        const QString forged = m_repo + "-forged"_s;
+        QDir(forged).removeRecursively();
+        QVERIFY(Repository::publish(m_package, forged, Module, "1.2"_s, key("x"_s)));
+        for (const QString &step : steps.split(QLatin1Char('|'))) {
+            const QStringList words = step.split(QLatin1Char(' '));
+            const QString statement = m_repo + "/keys/%1.json"_s, index = m_repo + "/modules/app/index.json"_s;
+            if (words.first() == "publish"_s) {
+                QVERIFY2(publish(key(words.at(1))), qPrintable(step));
+            } else if (words.first() == "rotate"_s) {
+                QStringList arguments{"rotate-key"_s, "--repo"_s, m_repo, "--key"_s, key(words.at(1))};
+                for (const QString &word : words.mid(2))
+                    arguments << QStringList{"--add"_s, "--retire"_s, "--sign-indexes"_s}.at("+-="_s.indexOf(word.at(0)))
+                              << key(word.mid(1), word.startsWith(QLatin1Char('=')) ? ".key"_s : ".pub"_s);
+                QProcess tool;
+                tool.start(QStringLiteral(CORBETH_PACK), arguments);
+                QVERIFY2(tool.waitForFinished(60000) && tool.exitCode() == 0, tool.readAllStandardError().constData());
+            } else if (words.first() == "keep"_s || words.first() == "rollback"_s) {
+                const bool keep = words.first() == "keep"_s;
+                for (const QString &file : {index, index + ".sig"_s})
+                    QVERIFY(keep ? copy(file, file + ".kept"_s) : copy(file + ".kept"_s, file));
+                for (int n = 2; !keep && QFile::remove(statement.arg(n)); ++n)
+                    QVERIFY(QFile::remove(statement.arg(n) + ".sig"_s));
+            } else if (words.first() == "expire"_s) { // the statement the client keeps, as if its time had passed
+                const QString state = m_dir.filePath("state/vindal.json"_s);
+                QVERIFY(writeFile(state, readFile(state).replace("\"format\"", "\"expires\": \"2020-01-01T00:00:00Z\", \"format\"")));
+            } else if (words.first() == "replay"_s) {
+                for (const QString &suffix : {QString(), ".sig"_s})
+                    QVERIFY(copy(statement.arg(words.at(1)) + suffix, statement.arg(words.at(3)) + suffix));
+            } else if (words.first() == "forge"_s) {
+                const QString from = words.at(1) == "index"_s ? forged + "/modules/app/index.json"_s : forged + "/keys/%1.json"_s.arg(words.at(1));
+                QVERIFY(QDir().mkpath(m_repo + "/keys"_s));
+                while (words.at(1) != "index"_s && !QFileInfo::exists(from))
+                    QVERIFY(Repository::rotateKey(forged, {{key("x"_s)}, {}, {}, 0, 0, {}}));
+                for (const QString &suffix : {QString(), ".sig"_s})
+                    QVERIFY(copy(from + suffix, words.at(1) == "index"_s ? index + suffix : statement.arg(words.at(1)) + suffix));
+            } else {
+                Manager manager;
+                QCOMPARE(configure(manager, m_haveNginx ? nginxUrl() : fileUrl(), {{"publicKey"_s, m_publicKey}}), 0);
+                bool known = false;
+                const int code = QMetaEnum::fromType<Error::ErrorCode>().keyToValue(qPrintable(step), &known);
+                QCOMPARE(codeOf(download(manager)), known ? code : step.toInt());
+            }
+        }
+    }
+
     void abortAndResume()
     {
         QVERIFY(publish());

@@ -5,6 +5,7 @@
 // Exit codes: 0 success, 1 the operation failed, 2 the command line is wrong.
 #include "formatbytes.h"
 #include "progressprinter.h"
+#include "rotatekey.h"
 
 #include <vindal/manager.h>
 #include <vindal/package.h>
@@ -37,6 +38,8 @@ const char *const kUsage =
     "  deltas list --repo <folder> --module <name>\n"
     "  deltas prune --repo <folder> --module <name> [--keep <versions>] [--key <secret-key-file>]\n"
     "  keygen <name>\n"
+    "  rotate-key --repo <folder> --key <secret-key-file>... [--add <public-key>]... [--retire <public-key>]...\n"
+    "        [--threshold <n>] [--expires <days>] [--sign-indexes <secret-key-file>]\n"
     "  verify <package> [--repo <folder> --module <name> [--version <v>] [--public-key <key>]]\n"
     "  extract <package> -C <folder>\n"
     "  fetch --server <url> --module <name> [--version <v>] -o <folder> [--mirror <url>]... [--public-key <key>]\n"
@@ -523,7 +526,7 @@ int main(int argc, char *argv[])
     const QList<QPair<QLatin1String, Command>> commands{
         {QLatin1String("create"), create},   {QLatin1String("publish"), publish}, {QLatin1String("keygen"), keygen},
         {QLatin1String("verify"), verify},   {QLatin1String("extract"), extract}, {QLatin1String("fetch"), fetch},
-        {QLatin1String("deltas"), deltas},
+        {QLatin1String("deltas"), deltas},   {QLatin1String("rotate-key"), rotateKey},
     };
     for (const auto &entry : commands) {
         if (command == entry.first)

@@ -2,7 +2,7 @@
 
 #include "logging_p.h"
 #include "repositorylayout_p.h"
-#include "signature_p.h"
+#include "statestore_p.h"
 #include "transferwatch_p.h"
 
 #include <QtCore/QTimer>
@@ -12,6 +12,11 @@
 #include <memory>
 
 namespace Vindal {
+
+namespace {
+// Statements read in one fetch at the most, beyond the one accepted before.
+const int MaxStatementsPerFetch = 64;
+} // namespace
 
 IndexFetcher::IndexFetcher(QNetworkAccessManager *network, const RepositoryConfig &config, PackageIndex::Kind kind,
                            const QString &module, int retries, Done done, QObject *parent)
@@ -51,6 +56,77 @@ void IndexFetcher::next()
         done(m_plan.finalOutcome(), PackageIndex(m_kind), -1);
         return;
     }
+    if (m_config.publicKey.isEmpty())
+        return fetchIndex();
+    // The keys that sign the repository now: those of the newest key
+    // statement accepted before, then of the statements published since.
+    m_trusted = KeyStatement(m_config.publicKey);
+    const Outcome loaded = StateStore::keyStatement(m_config.identity(), &m_trusted);
+    if (!loaded) {
+        const Done done = m_done;
+        return done(loaded, PackageIndex(m_kind), -1);
+    }
+    m_kept = m_trusted.number;
+    followStatements(m_trusted.number + 1);
+}
+
+void IndexFetcher::followStatements(int number)
+{
+    // A client that has accepted no statement yet skips those its key did
+    // not sign; a mirror must not keep it asking for ever.
+    if (number > m_trusted.number + MaxStatementsPerFetch)
+        return statementsFollowed();
+    fetch(RepositoryLayout::keyStatement(number), RepositoryLayout::MaxStatementBytes,
+          [this, number](const Transfer::Verdict &verdict, const QByteArray &document) {
+              // Object stores that may not list their files answer 403 for a
+              // missing one. (A mirror can hide statements either way.)
+              if (verdict.outcome.code == Error::NotFound || verdict.status == 403)
+                  return statementsFollowed();
+              if (!verdict.outcome)
+                  return failed(verdict);
+              fetch(RepositoryLayout::keyStatementSignatures(number), RepositoryLayout::MaxStatementSignaturesBytes,
+                    [this, number, document](const Transfer::Verdict &verdict, const QByteArray &signatures) {
+                        if (!verdict.outcome && verdict.outcome.code != Error::NotFound)
+                            return failed(verdict);
+                        Transfer::Verdict judged;
+                        KeyStatement trusted;
+                        judged.outcome = m_trusted.follow(number, document, signatures, &trusted);
+                        const QString base = m_config.bases.at(m_plan.current()).toString();
+                        judged.outcome.message.prepend(base + QLatin1String(": "));
+                        judged.outcome.subject = base;
+                        if (!judged.outcome.ok())
+                            return failed(judged);
+                        if (trusted.number == m_trusted.number)
+                            qCInfo(lcVindal) << judged.outcome.message;
+                        else
+                            qCInfo(lcVindal) << "key statement accepted:" << base << trusted.number;
+                        m_trusted = trusted;
+                        followStatements(number + 1);
+                    });
+          });
+}
+
+void IndexFetcher::statementsFollowed()
+{
+    const Outcome kept = m_trusted.number > m_kept ? StateStore::keepKeyStatement(m_config.identity(), m_trusted) : Outcome::success();
+    if (!kept) {
+        const Done done = m_done;
+        return done(kept, PackageIndex(m_kind), -1);
+    }
+    // A frozen mirror must not keep a retired key in use for ever either.
+    if (m_trusted.isExpired()) {
+        Transfer::Verdict expired;
+        expired.outcome = Outcome::failure(Error::IndexExpired,
+                                           QStringLiteral("%1 of %2 expired on %3; the repository (or this mirror) has not renewed its keys")
+                                               .arg(KeyStatement::describe(m_trusted.number), m_config.bases.at(m_plan.current()).toString(),
+                                                    m_trusted.expires.toUTC().toString(Qt::ISODate)));
+        return failed(expired);
+    }
+    fetchIndex();
+}
+
+void IndexFetcher::fetchIndex()
+{
     fetch(RepositoryLayout::index(m_kind, m_module), RepositoryLayout::MaxIndexBytes,
           [this](const Transfer::Verdict &verdict, const QByteArray &document) {
               if (!verdict.outcome)
@@ -85,9 +161,11 @@ void IndexFetcher::check(const QByteArray &document, const QByteArray &signature
 {
     const QUrl url = m_config.bases.at(m_plan.current()).resolved(QUrl(RepositoryLayout::index(m_kind, m_module)));
     Transfer::Verdict refused; // a bad document stays bad however often it is fetched
-    if (!m_config.publicKey.isEmpty() && !Signature::verify(document, signature, m_config.publicKey)) {
+    if (!m_config.publicKey.isEmpty() && !m_trusted.signs(document, signature)) {
         refused.outcome = Outcome::failure(Error::SignatureInvalid,
-                                           QStringLiteral("the signature of %1 does not match the configured public key").arg(url.toString()),
+                                           QStringLiteral("the signature of %1 does not match %2")
+                                               .arg(url.toString(), m_trusted.number == 0 ? QStringLiteral("the configured public key")
+                                                                                          : QStringLiteral("a key of ") + KeyStatement::describe(m_trusted.number)),
                                            url.toString());
         return failed(refused);
     }

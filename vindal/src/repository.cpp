@@ -3,6 +3,7 @@
 
 #include "packageindex_p.h"
 #include "repositoryfiles_p.h"
+#include "repositorykeys_p.h"
 #include "repositorylayout_p.h"
 #include "signature_p.h"
 
@@ -15,33 +16,10 @@
 
 namespace Vindal {
 
-// The helpers the delta publishing shares (repositorydeltas.cpp).
-namespace RepositoryFiles {
+namespace {
 
 // Ten years: an expiry is meant to be renewed by publishing again.
 const int MaxExpiryDays = 3650;
-
-Outcome readFile(const QString &path, qint64 limit, QByteArray *bytes)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\": %2").arg(path, file.errorString()), path);
-    if (file.size() > limit)
-        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is larger than %2 bytes").arg(path).arg(limit), path);
-    *bytes = file.readAll();
-    return Outcome::success();
-}
-
-Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly)
-{
-    QSaveFile file(path);
-    bool ok = file.open(QIODevice::WriteOnly);
-    if (ok && ownerOnly)
-        ok = file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    if (!ok || file.write(bytes) != bytes.size() || !file.commit())
-        return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(path, file.errorString()), path);
-    return Outcome::success();
-}
 
 // Copies through a temporary file in the destination folder, so a server
 // never hands out half a package under its final name.
@@ -67,32 +45,6 @@ Outcome copyFile(const QString &from, const QString &to)
     }
     if (!out.commit())
         return Outcome::failure(Error::DiskFull, QStringLiteral("cannot write \"%1\": %2").arg(to, out.errorString()), to);
-    return Outcome::success();
-}
-
-Outcome loadIndex(const QString &path, PackageIndex *index)
-{
-    if (!QFileInfo::exists(path))
-        return Outcome::success();
-    QByteArray bytes;
-    const Outcome read = readFile(path, RepositoryLayout::MaxIndexBytes, &bytes);
-    if (!read)
-        return read;
-    QString error;
-    if (!index->parse(bytes, &error))
-        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is not a valid index: %2").arg(path, error), path);
-    return Outcome::success();
-}
-
-Outcome readSecretKey(const QString &path, QByteArray *key)
-{
-    QByteArray text;
-    const Outcome read = readFile(path, 1024, &text);
-    if (!read)
-        return read;
-    *key = Signature::decodeSecretKey(text);
-    if (key->isEmpty())
-        return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not an Ed25519 secret key").arg(path), path);
     return Outcome::success();
 }
 
@@ -129,6 +81,9 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
         if (!key)
             return key;
     }
+    const Outcome admitted = admitsKey(repoFolder, secretKey, secretKeyFile);
+    if (!admitted)
+        return admitted;
     const FileDigest digest = FileDigest::ofFile(packageFile);
     if (!digest.isValid())
         return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
@@ -185,9 +140,31 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
     return Outcome::success(QStringLiteral("published %1 %2 (signed)").arg(name, version));
 }
 
-} // namespace RepositoryFiles
+} // namespace
 
-using namespace RepositoryFiles;
+Outcome loadIndex(const QString &path, PackageIndex *index)
+{
+    if (!QFileInfo::exists(path))
+        return Outcome::success();
+    QByteArray bytes;
+    const Outcome read = readFile(path, RepositoryLayout::MaxIndexBytes, &bytes);
+    if (!read)
+        return read;
+    QString error;
+    if (!index->parse(bytes, &error))
+        return Outcome::failure(Error::InvalidIndex, QStringLiteral("\"%1\" is not a valid index: %2").arg(path, error), path);
+    return Outcome::success();
+}
+
+// Clients trust the keys the repository's key statement names, or without
+// one the key that signed it so far: an index signed with another key, or
+// left unsigned, would lock them out.
+Outcome admitsKey(const QString &repoFolder, const QByteArray &secretKey, const QString &secretKeyFile)
+{
+    RepositoryKeys keys;
+    const Outcome read = RepositoryKeys::read(repoFolder, &keys);
+    return read ? keys.admits(secretKey, secretKeyFile) : read;
+}
 
 Outcome Repository::publish(const QString &packageFile, const QString &repoFolder, const QString &module,
                             const QString &version, const QString &secretKeyFile, int expiresInDays)
@@ -219,9 +196,15 @@ Outcome Repository::verifyPackage(const QString &packageFile, const QString &rep
             return Outcome::failure(Error::ConfigError,
                                     publicKey.trimmed().isEmpty() ? QStringLiteral("the public key is empty")
                                                                   : QStringLiteral("the public key is not a base64 Ed25519 key"));
+        // The key vouches for the keys of the repository's key statements.
+        KeyStatement trusted(key);
+        RepositoryKeys keys;
+        Outcome followed = RepositoryKeys::read(repoFolder, &keys);
+        if (!followed || !(followed = keys.follow(&trusted)))
+            return followed;
         QByteArray signature;
         const QString signaturePath = repo.filePath(RepositoryLayout::signature(PackageIndex::Module, module));
-        if (!readFile(signaturePath, RepositoryLayout::MaxSignatureBytes, &signature) || !Signature::verify(bytes, signature, key))
+        if (!readFile(signaturePath, RepositoryLayout::MaxSignatureBytes, &signature) || !trusted.signs(bytes, signature))
             return Outcome::failure(Error::SignatureInvalid, QStringLiteral("the index of %1 is unsigned or wrongly signed").arg(module),
                                     indexPath);
     }

@@ -39,28 +39,31 @@ Outcome openModule(const QString &repoFolder, const QString &module, ModuleFolde
     m->signaturePath = repo.filePath(RepositoryLayout::signature(PackageIndex::Module, module));
     if (!QFileInfo::exists(m->indexPath))
         return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no index in \"%2\"").arg(module, repoFolder), m->indexPath);
-    return RepositoryFiles::loadIndex(m->indexPath, &m->index);
+    return loadIndex(m->indexPath, &m->index);
 }
 
-// Writes the index and signs it with the key, or removes the signature
-// that would no longer match; the expiry stays as the index has it.
-Outcome saveModule(const ModuleFolder &m, const QString &secretKeyFile)
+// Writes the index and signs it with the key, or, in an unsigned
+// repository, removes a signature that would no longer match; the expiry
+// stays as the index has it.
+Outcome saveModule(const QString &repoFolder, const ModuleFolder &m, const QString &secretKeyFile)
 {
     QByteArray secretKey;
     if (!secretKeyFile.isNull() && secretKeyFile.trimmed().isEmpty())
         return Outcome::failure(Error::ConfigError, QStringLiteral("the secret key file's name is empty"));
     if (!secretKeyFile.isEmpty()) {
-        if (const Outcome key = RepositoryFiles::readSecretKey(secretKeyFile, &secretKey); !key)
+        if (const Outcome key = readSecretKey(secretKeyFile, &secretKey); !key)
             return key;
     }
+    if (const Outcome admitted = admitsKey(repoFolder, secretKey, secretKeyFile); !admitted)
+        return admitted;
     const QByteArray json = m.index.toJson();
-    if (const Outcome written = RepositoryFiles::writeFile(m.indexPath, json); !written)
+    if (const Outcome written = writeFile(m.indexPath, json); !written)
         return written;
     if (secretKey.isEmpty()) {
         QFile::remove(m.signaturePath);
         return Outcome::success();
     }
-    return RepositoryFiles::writeFile(m.signaturePath, Signature::sign(json, secretKey));
+    return writeFile(m.signaturePath, Signature::sign(json, secretKey));
 }
 
 QList<IndexEntry> newestFirst(const PackageIndex &index)
@@ -145,7 +148,7 @@ Outcome Repository::publishDeltas(const QString &repoFolder, const QString &modu
     }
     DeltaRef::setList(&entry, deltas);
     m.index.upsert(entry);
-    if (const Outcome saved = saveModule(m, secretKeyFile); !saved)
+    if (const Outcome saved = saveModule(repoFolder, m, secretKeyFile); !saved)
         return saved;
     removeUnlisted(m, before);
     return Outcome::success(notes.isEmpty() ? QStringLiteral("no older version to make a delta from") : notes.join(QLatin1String("; ")));
@@ -187,7 +190,7 @@ Outcome Repository::pruneDeltas(const QString &repoFolder, const QString &module
     }
     if (dropped.isEmpty())
         return Outcome::success(QStringLiteral("no deltas to remove"));
-    if (const Outcome saved = saveModule(m, secretKeyFile); !saved)
+    if (const Outcome saved = saveModule(repoFolder, m, secretKeyFile); !saved)
         return saved;
     removeUnlisted(m, dropped);
     return Outcome::success(QStringLiteral("removed %1 deltas").arg(dropped.size()));

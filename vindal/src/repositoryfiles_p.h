@@ -10,17 +10,20 @@ namespace Vindal {
 
 class PackageIndex;
 
-// Reading and writing a repository folder's files (repository.cpp).
-namespace RepositoryFiles {
+// The publisher's reading and writing of a repository folder's small files
+// (indexes, signatures, key statements, keys), shared by publishing, deltas
+// and key rotation. Every file is written atomically.
 
+// Reads at most limit bytes; a larger file is refused (InvalidIndex).
 Outcome readFile(const QString &path, qint64 limit, QByteArray *bytes);
-// Through a temporary file renamed over path.
 Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly = false);
-// An index that does not exist loads as an empty one.
-Outcome loadIndex(const QString &path, PackageIndex *index);
+// A base64 Ed25519 secret key file, decoded.
 Outcome readSecretKey(const QString &path, QByteArray *key);
-
-} // namespace RepositoryFiles
+// An index that does not exist loads as an empty one (repository.cpp).
+Outcome loadIndex(const QString &path, PackageIndex *index);
+// Whether the repository's clients trust this key (none: an unsigned
+// repository) for the indexes of repoFolder (repository.cpp).
+Outcome admitsKey(const QString &repoFolder, const QByteArray &secretKey, const QString &secretKeyFile);
 
 } // namespace Vindal
 

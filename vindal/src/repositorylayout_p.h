@@ -26,6 +26,18 @@ inline QString signature(PackageIndex::Kind kind, const QString &module)
     return index(kind, module) + QLatin1String(".sig");
 }
 
+// The repository's key statements, numbered from 1, and their signatures
+// (one per line).
+inline QString keyStatement(int number)
+{
+    return QStringLiteral("keys/%1.json").arg(number);
+}
+
+inline QString keyStatementSignatures(int number)
+{
+    return keyStatement(number) + QLatin1String(".sig");
+}
+
 // Names no package file may take: the files of the layout beside it, and
 // the companions a client writes beside a downloaded package. Compared as
 // Windows compares names: without case, and without the trailing dots and
@@ -46,6 +58,9 @@ inline bool isReservedFileName(const QString &name)
 // versions fit).
 const qint64 MaxIndexBytes = 4 * 1024 * 1024;
 const qint64 MaxSignatureBytes = 1024;
+// A statement names at most 32 keys, each signing it in a line of 89 bytes.
+const qint64 MaxStatementBytes = 64 * 1024;
+const qint64 MaxStatementSignaturesBytes = 4096;
 
 } // namespace RepositoryLayout
 

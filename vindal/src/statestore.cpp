@@ -29,6 +29,8 @@ const QString MarksKey = QStringLiteral("marks");
 // { "installed": { "<repository identity>": { "<module>": "<version>" } } }:
 // the version last unpacked, which a delta update starts from.
 const QString InstalledKey = QStringLiteral("installed");
+// { "keys": { "<repository identity>": <the newest key statement accepted> } }.
+const QString KeysKey = QStringLiteral("keys");
 const qint64 MaxStateBytes = 4 * 1024 * 1024;
 
 Outcome damaged(const QString &file, const QString &why)
@@ -40,15 +42,16 @@ Outcome damaged(const QString &file, const QString &why)
                             file);
 }
 
-bool isMarks(const QJsonValue &marks)
+// A map of repositories to maps of strings (marks) or to objects (key statements).
+bool isMapOf(const QJsonValue &map, QJsonValue::Type type)
 {
-    if (!marks.isObject())
+    if (!map.isObject())
         return false;
-    for (const QJsonValue &repository : marks.toObject()) {
+    for (const QJsonValue &repository : map.toObject()) {
         if (!repository.isObject())
             return false;
-        for (const QJsonValue &version : repository.toObject()) {
-            if (!version.isString())
+        for (const QJsonValue &value : repository.toObject()) {
+            if (type == QJsonValue::String && !value.isString())
                 return false;
         }
     }
@@ -72,8 +75,10 @@ Outcome load(QJsonObject *root)
         return damaged(path, QStringLiteral("is damaged (%1)").arg(error.error != QJsonParseError::NoError ? error.errorString()
                                                                                                           : QStringLiteral("not a JSON object")));
     *root = doc.object();
-    if (root->contains(MarksKey) && !isMarks(root->value(MarksKey)))
+    if (root->contains(MarksKey) && !isMapOf(root->value(MarksKey), QJsonValue::String))
         return damaged(path, QStringLiteral("is damaged (\"%1\" is not a map of repositories to versions)").arg(MarksKey));
+    if (root->contains(KeysKey) && !isMapOf(root->value(KeysKey), QJsonValue::Object))
+        return damaged(path, QStringLiteral("is damaged (\"%1\" is not a map of repositories to key statements)").arg(KeysKey));
     return Outcome::success();
 }
 
@@ -99,42 +104,60 @@ QString StateStore::path()
 
 Outcome StateStore::highWater(const QString &repository, const QString &module, QString *version)
 {
-    QMutexLocker lock(&s_mutex);
-    const QString file = path();
-    QLockFile processLock(file + QLatin1String(".lock"));
-    lockAgainstProcesses(&processLock, file); // read all the same when it cannot be taken
     QJsonObject root;
-    const Outcome loaded = load(&root);
+    const Outcome loaded = read(&root);
     *version = root.value(MarksKey).toObject().value(repository).toObject().value(module).toString();
     return loaded;
 }
 
 Outcome StateStore::raise(const QString &repository, const QString &module, const QString &version)
 {
-    return change(MarksKey, repository, module, QStringLiteral("the mark of %1 %2").arg(module, version), [&version](const QString &current) {
-        return current.isEmpty() || PackageIndex::compareVersions(version, current) > 0 ? version : current;
+    return change([&](QJsonObject *root) {
+        QJsonObject marks = root->value(MarksKey).toObject();
+        QJsonObject modules = marks.value(repository).toObject();
+        const QString current = modules.value(module).toString();
+        if (!current.isEmpty() && PackageIndex::compareVersions(version, current) <= 0)
+            return QString();
+        modules.insert(module, version);
+        marks.insert(repository, modules);
+        root->insert(MarksKey, marks);
+        return QStringLiteral("the mark of %1 %2").arg(module, version);
     });
 }
 
-QString StateStore::installed(const QString &repository, const QString &module)
+Outcome StateStore::keyStatement(const QString &repository, KeyStatement *statement)
+{
+    QJsonObject root;
+    const Outcome loaded = read(&root);
+    const QJsonValue stored = root.value(KeysKey).toObject().value(repository);
+    QString error;
+    if (loaded && !stored.isUndefined() && !statement->parse(stored.toObject(), &error))
+        return damaged(path(), QStringLiteral("is damaged (the key statement kept for %1: %2)").arg(repository, error));
+    return loaded;
+}
+
+Outcome StateStore::keepKeyStatement(const QString &repository, const KeyStatement &statement)
+{
+    return change([&](QJsonObject *root) {
+        QJsonObject statements = root->value(KeysKey).toObject();
+        if (statements.value(repository).toObject().value(QStringLiteral("version")).toInt() >= statement.number)
+            return QString();
+        statements.insert(repository, statement.toJson());
+        root->insert(KeysKey, statements);
+        return QStringLiteral("key statement %1").arg(statement.number);
+    });
+}
+
+Outcome StateStore::read(QJsonObject *root)
 {
     QMutexLocker lock(&s_mutex);
     const QString file = path();
     QLockFile processLock(file + QLatin1String(".lock"));
-    lockAgainstProcesses(&processLock, file);
-    QJsonObject root;
-    load(&root);
-    return root.value(InstalledKey).toObject().value(repository).toObject().value(module).toString();
+    lockAgainstProcesses(&processLock, file); // read all the same when it cannot be taken
+    return load(root);
 }
 
-Outcome StateStore::setInstalled(const QString &repository, const QString &module, const QString &version)
-{
-    return change(InstalledKey, repository, module, QStringLiteral("the installed version of %1").arg(module),
-                  [&version](const QString &) { return version; });
-}
-
-Outcome StateStore::change(const QString &key, const QString &repository, const QString &module, const QString &what,
-                           const std::function<QString(const QString &)> &newValue)
+Outcome StateStore::change(const std::function<QString(QJsonObject *root)> &apply)
 {
     QMutexLocker lock(&s_mutex);
     const QString file = path();
@@ -148,20 +171,34 @@ Outcome StateStore::change(const QString &key, const QString &repository, const 
     const Outcome loaded = load(&root);
     if (!loaded)
         return loaded;
-    QJsonObject repositories = root.value(key).toObject();
-    QJsonObject modules = repositories.value(repository).toObject();
-    const QString current = modules.value(module).toString();
-    const QString value = newValue(current);
-    if (value == current)
+    const QString what = apply(&root);
+    if (what.isEmpty())
         return Outcome::success();
-    modules.insert(module, value);
-    repositories.insert(repository, modules);
-    root.insert(key, repositories);
-
     QSaveFile save(file);
     if (!save.open(QIODevice::WriteOnly) || save.write(QJsonDocument(root).toJson()) < 0 || !save.commit())
         return damaged(file, QStringLiteral("cannot be written (%1), so %2 would be lost").arg(save.errorString(), what));
     return Outcome::success();
+}
+
+QString StateStore::installed(const QString &repository, const QString &module)
+{
+    QJsonObject root;
+    read(&root);
+    return root.value(InstalledKey).toObject().value(repository).toObject().value(module).toString();
+}
+
+Outcome StateStore::setInstalled(const QString &repository, const QString &module, const QString &version)
+{
+    return change([&](QJsonObject *root) {
+        QJsonObject repositories = root->value(InstalledKey).toObject();
+        QJsonObject modules = repositories.value(repository).toObject();
+        if (modules.value(module).toString() == version)
+            return QString();
+        modules.insert(module, version);
+        repositories.insert(repository, modules);
+        root->insert(InstalledKey, repositories);
+        return QStringLiteral("the installed version of %1").arg(module);
+    });
 }
 
 } // namespace Vindal

@@ -53,6 +53,7 @@ Verdict judge(QNetworkReply *reply)
                                                .arg(reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString()),
                                            url);
         verdict.retryable = status >= 500 || status == 408 || status == 429;
+        verdict.status = status;
         bool ok = false;
         const int seconds = reply->rawHeader("Retry-After").toInt(&ok);
         if (ok && seconds > 0)

@@ -24,6 +24,7 @@ struct Verdict
     Outcome outcome;
     bool retryable = false; // worth another attempt at the same URL
     int retryAfterMs = 0;   // the server's wish, capped
+    int status = 0;         // the HTTP status of a server's error answer
 };
 
 // Judges a reply whose transfer ended (or whose headers arrived) without

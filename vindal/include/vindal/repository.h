@@ -5,6 +5,7 @@
 #include <vindal/vindal_export.h>
 
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 
 namespace Vindal {
 
@@ -16,14 +17,29 @@ namespace Vindal {
 //   <repo>/modules/<module>/<package files>
 //   <repo>/upgrades/index.json (+ .sig)      installer upgrades, by model code
 //   <repo>/upgrades/<package files>
+//   <repo>/keys/<n>.json (+ .sig)           key statements: which keys sign the repository
 class VINDAL_EXPORT Repository
 {
 public:
+    // A change of the keys that sign a repository (rotateKey).
+    struct KeyRotation
+    {
+        QStringList signingKeyFiles; // secret keys of the current keys, enough to meet their threshold
+        QStringList add;             // public keys (base64) named from now on
+        QStringList retire;          // public keys (base64) no client accepts any more, for good
+        int threshold = 0;           // how many keys must sign the next rotation; 0: as before
+        int expiresInDays = 0;       // 1 to 3650; 0: the statement never expires
+        QString signIndexesWith;     // a secret key file of the new keys: every index is signed again with it
+    };
+
     // Copies packageFile into the module's folder and adds (or replaces) the
     // version in the module's index, which is written atomically. With a
     // secret key file the index is signed, otherwise an old signature is
     // removed (it would no longer match). A key file name that is given but
-    // empty is refused (ConfigError), never taken as "unsigned". With
+    // empty is refused (ConfigError), never taken as "unsigned"; so are a key
+    // that the repository's newest key statement does not name (or, without
+    // a statement, that did not make its existing signatures), and no key for
+    // a repository that is signed. With
     // expiresInDays (1 to 3650) the index carries an expiry ("expires"),
     // signed with it, after which clients refuse it (IndexExpired); each
     // publication sets its own, and none when it is 0.
@@ -58,6 +74,14 @@ public:
     // serve clients pinned to an older version.
     static Outcome pruneDeltas(const QString &repoFolder, const QString &module, int keep = 1,
                                const QString &secretKeyFile = QString());
+
+    // Writes the repository's next key statement, signed with the current
+    // keys, that names the keys clients accept from now on: the current ones
+    // with rotation.add and without rotation.retire. Refused (ConfigError)
+    // when the signing keys are not enough of the current ones, when no key
+    // would be left, when a retired key would be named again, and when an
+    // index would stay signed with a key the statement no longer names.
+    static Outcome rotateKey(const QString &repoFolder, const KeyRotation &rotation);
 
     // Writes an Ed25519 key pair: "<name>.key" (secret, owner-only) and
     // "<name>.pub", both base64 text. The outcome's subject is the public key.
