@@ -233,12 +233,19 @@ Reply *Manager::checkUpgrade(const QString &programFolder, const QString &modelC
 {
     Q_UNUSED(programFolder)
     Q_UNUSED(protocolVersion)
-    Q_UNUSED(options)
     if (!d->m_configured)
         return d->refuse(Error::ConfigError, QStringLiteral("no configuration: setConfigData() or setConfigPath() comes first"));
     RepositoryRequest::Target target;
     target.kind = PackageIndex::Upgrades;
     target.name = modelCode;
+    // The option "module": modelCode names a module (the configured one when
+    // empty), as startUpgrade's ModulePackage does.
+    if (options.contains(QStringLiteral("module"))) {
+        target.kind = PackageIndex::Module;
+        target.name = modelCode.isEmpty() ? d->m_config.module : modelCode;
+        if (!Repository::isValidModuleName(target.name))
+            return d->refuse(Error::ConfigError, QStringLiteral("no module to check: \"%1\" is not a module name").arg(target.name));
+    }
     target.environment = environment;
     target.os = os;
     target.lang = lang;

@@ -1,5 +1,6 @@
 #include "packageindex_p.h"
 
+#include "releasechannels_p.h"
 #include "repositorylayout_p.h"
 
 #include <QtCore/QJsonArray>
@@ -109,6 +110,9 @@ bool PackageIndex::parse(const QByteArray &json, QString *error)
             problem = QStringLiteral("md5 is not 32 lower-case hex characters");
         else if (!isHex(entry.sha256, 64))
             problem = QStringLiteral("sha256 is not 64 lower-case hex characters");
+        QList<Rollout> channels; // a malformed release refuses the index like any other key
+        if (problem.isEmpty() && m_kind == Module)
+            ReleaseChannels::read(entry, &channels, &problem);
         if (!problem.isEmpty()) {
             *error = QStringLiteral("entry %1 (%2): %3").arg(i).arg(entry.version, problem);
             return false;

@@ -2,6 +2,7 @@
 #define VINDAL_REPOSITORYCONFIG_P_H
 
 #include <vindal/package.h>
+#include <vindal/rollout.h>
 
 #include <QtCore/QList>
 #include <QtCore/QUrl>
@@ -30,6 +31,8 @@ struct RepositoryConfig
     QString module;                  // "moduleInfo" -> "module" (or "name")
     QString pinnedVersion;           // "moduleInfo" -> "version"
     QString storagePath;             // "startDownload" -> "temporaryStoragePath"
+    QString channel = Rollout::defaultChannel(); // "channel": the one channel this client follows
+    double rolloutPosition = Rollout::lastPosition(); // from "rolloutBucket"
     ExtractLimits limits;
 
     bool isValid() const { return !bases.isEmpty(); }
@@ -37,6 +40,8 @@ struct RepositoryConfig
     // is configured, its base URL otherwise.
     QString identity() const;
     static bool parse(const QVariantMap &map, RepositoryConfig *config, QString *error);
+    // "channel" and "rolloutBucket".
+    static bool parseRelease(const QVariantMap &map, RepositoryConfig *config, QString *error);
     // Where downloads go when no temporary storage path is configured.
     static QString defaultStoragePath();
 };

@@ -2,6 +2,7 @@
 #define VINDAL_REPOSITORY_H
 
 #include <vindal/outcome.h>
+#include <vindal/rollout.h>
 #include <vindal/vindal_export.h>
 
 #include <QtCore/QString>
@@ -29,6 +30,22 @@ public:
     // publication sets its own, and none when it is 0.
     static Outcome publish(const QString &packageFile, const QString &repoFolder, const QString &module,
                            const QString &version, const QString &secretKeyFile = QString(), int expiresInDays = 0);
+
+    // The same, with the version released on release.channel alone, offered
+    // to release.percent of that channel's clients ("channels" in its entry).
+    static Outcome publish(const QString &packageFile, const QString &repoFolder, const QString &module,
+                           const QString &version, const Rollout &release, const QString &secretKeyFile = QString(),
+                           int expiresInDays = 0);
+    // Puts a published version on release.channel as well, offered to
+    // release.percent of its clients; the channels it is on stay.
+    static Outcome promote(const QString &repoFolder, const QString &module, const QString &version, const Rollout &release,
+                           const QString &secretKeyFile = QString(), int expiresInDays = 0);
+    // Changes the share of a version on release.channel to release.percent,
+    // or halts it there (release.halted, keeping its share for the record).
+    // An empty version means the newest on that channel. The outcome's
+    // subject is the version changed.
+    static Outcome setRollout(const QString &repoFolder, const QString &module, const QString &version, const Rollout &release,
+                              const QString &secretKeyFile = QString(), int expiresInDays = 0);
 
     // The same for an installer package in the upgrades document, listed
     // under modelCode with softVersion.
