@@ -64,6 +64,14 @@ public:
     QString olderSoftwarePath() const;
     QVariantMap packageInfo() const;
     qint64 packageSize();
+    // Asks the repository, without downloading anything, which newer versions
+    // of the configured module this client is offered (its channel and its
+    // place in staged rollouts applied). info receives "current" (the version
+    // delivered here before, empty when none), "channel" and "upgrades" (the
+    // offered versions newest first, each with "version", "size" and
+    // "deltaSize", -1 without a delta; empty when up to date). Needs
+    // initRemote() first; blocks in a local event loop until the answer.
+    CBEnum::ErrorCode checkUpdate(QVariantMap &info);
     uint taskStatus() const;
 
 public slots:

@@ -213,6 +213,15 @@ qint64 Manager::packageSize()
     return d->packageSize();
 }
 
+CBEnum::ErrorCode Manager::checkUpdate(QVariantMap &info)
+{
+    QVariant answer;
+    const Vindal::Error::ErrorCode code = d->m_vindaler->requestModuleUpdateInfo(answer);
+    if (code == Vindal::Error::NoError)
+        info = answer.toMap();
+    return Vindaler::toErrorCode(code);
+}
+
 uint Manager::taskStatus() const
 {
     return d->taskStatus();

@@ -3,6 +3,7 @@
 #include "logging_p.h"
 #include "config/configer.h"
 #include "manager/ptrmanager.h"
+#include "modules/rolloutbucket.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
@@ -82,12 +83,21 @@ void Vindaler::storeConfig(const QVariantMap &config)
     m_config = config;
 }
 
-Vindal::Reply *Vindaler::setConfigData(const QVariantMap &config)
+Vindal::Reply *Vindaler::setConfigData(const QVariantMap &data)
 {
     qCInfo(lcCorbeth) << Q_FUNC_INFO << "beginnnnnnnnnnnnn ";
-    qCDebug(lcCorbeth) << config;
+    qCDebug(lcCorbeth) << data;
+    const QVariantMap config = withRolloutBucket(data);
     storeConfig(config);
     return onServiceThread([this, config] { return listenForInit(m_manager->setConfigData(config)); });
+}
+
+QVariantMap Vindaler::withRolloutBucket(QVariantMap config)
+{
+    // The machine's own place in staged rollouts, whatever the document says:
+    // one number for every product, and a repository never learns it.
+    config.insert(RolloutBucket::valueName(), qlonglong(RolloutBucket::value()));
+    return config;
 }
 
 Vindal::Reply *Vindaler::setConfigPath(const QString &path)
@@ -232,6 +242,22 @@ Vindal::Error::ErrorCode Vindaler::requestUpgradeInfo(const QString &programFold
     const Vindal::Error::ErrorCode code = waitReply(reply, answer);
     if (code == Vindal::Error::NoError)
         result = answer;
+    return code;
+}
+
+Vindal::Error::ErrorCode Vindaler::requestModuleUpdateInfo(QVariant &result)
+{
+    // The upgrade query about the configured module: its versions this
+    // client is offered, newer than the one it holds.
+    Vindal::Reply *reply = initThen([this] {
+        return m_manager->checkUpgrade(QString(), QString(), QString(), kProtocolVersion, QString(), QString(), kUpgradeLimit,
+                                       QStringList(), QStringList{QStringLiteral("module")});
+    });
+    // waitReply leaves a reply refused at once to its owner, which is this.
+    const bool refusedAtOnce = reply && reply->status() != Vindal::Error::NoError;
+    const Vindal::Error::ErrorCode code = waitReply(reply, result);
+    if (refusedAtOnce)
+        reply->deleteLater();
     return code;
 }
 

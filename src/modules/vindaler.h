@@ -39,6 +39,9 @@ public:
     void loadOfflinePackage(Vindal::Reply *reply, const QString &packageFile, const QString &targetFolder);
 
     Vindal::Error::ErrorCode requestUpgradeInfo(const QString &programFolder, QVariant &result);
+    // The configured module's versions this client is offered, newer than
+    // the one delivered to it: {"current", "channel", "upgrades"}.
+    Vindal::Error::ErrorCode requestModuleUpdateInfo(QVariant &result);
     Vindal::Reply *checkUpgradeAndDownload(const QString &programFolder);
 
     void setTemporaryStoragePath(const QString &folder);
@@ -67,6 +70,7 @@ public slots:
 private:
     bool init(Vindal::Reply *&reply);
     void storeConfig(const QVariantMap &config);
+    static QVariantMap withRolloutBucket(QVariantMap config);
     Vindal::Reply *listenForInit(Vindal::Reply *reply);
     // Runs fn on the service's thread and hands back what it returned.
     template<typename Fn>

@@ -185,10 +185,24 @@ private slots:
         const QString package2 = path(name + "-2.tolmpkg"_s);
         QVERIFY(PackTool::ok({"create"_s, path("source"_s), "-o"_s, package2}));
         QVERIFY(writeFile(path("source/data/changes.txt"_s), "changes 1.0") && QFile::remove(path("source/corbeth.json"_s)));
-        QVERIFY(PackTool::ok({"publish"_s, package2, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s}));
+        // Published to beta first: a stable client is offered it once it is promoted.
+        const auto check = [&] { return corbeth({"check"_s, "--config"_s, config}); };
+        QVERIFY(PackTool::ok({"publish"_s, package2, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s,
+                              "--channel"_s, "beta"_s}));
+        QCOMPARE(check().exitCode, 0);
+        QVERIFY(PackTool::ok({"promote"_s, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s, "--to"_s, "stable"_s}));
+        const Run offered = check();
+        QCOMPARE(offered.exitCode, 100);
+        QVERIFY2(offered.out.startsWith("2.0.0 is available") && offered.out.contains("installed: 1.0.0"), offered.out.constData());
         QVERIFY(step({"update"_s}));
         QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
         QCOMPARE(readFile(inst + "/NEWS.txt"_s), QByteArray("changes 2.0"));
+        // Up to date: the check says 0, and an update changes nothing.
+        QCOMPARE(check().exitCode, 0);
+        QVERIFY(writeFile(inst + "/CHANGES.txt"_s, "kept"));
+        QVERIFY(step({"update"_s}));
+        QVERIFY(corbeth({"update"_s, "--config"_s, config}).out.startsWith("already up to date: 2.0.0 (channel stable)"));
+        QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("kept"));
 
         QVERIFY(step({"patch"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0.1"));

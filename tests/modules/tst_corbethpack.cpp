@@ -213,6 +213,18 @@ private slots:
             << 2 << "--expires takes"_s;
         QTest::newRow("create, names alike once normalised")
             << QStringList{"create"_s, "@/unicode"_s, "-o"_s, "#/u.tolmpkg"_s} << 1 << "are one name once normalised"_s;
+        QTest::newRow("publish, rollout above 100")
+            << QStringList{"publish"_s, "p"_s, "--repo"_s, "r"_s, "--version"_s, "1"_s, "--module"_s, "m"_s, "--rollout"_s, "150"_s}
+            << 2 << "--rollout takes a percentage"_s;
+        QTest::newRow("promote, unknown version")
+            << QStringList{"promote"_s, "--repo"_s, "@/unsigned"_s, "--module"_s, "app"_s, "--version"_s, "9"_s, "--to"_s, "beta"_s}
+            << 1 << "app has no version 9 [NotFound]"_s;
+        QTest::newRow("rollout, nothing on the channel")
+            << QStringList{"rollout"_s, "--repo"_s, "@/unsigned"_s, "--module"_s, "app"_s, "--channel"_s, "beta"_s, "--halt"_s}
+            << 1 << "no version on the channel \"beta\""_s;
+        QTest::newRow("rollout, share and halt")
+            << QStringList{"rollout"_s, "--repo"_s, "r"_s, "--module"_s, "m"_s, "--percent"_s, "5"_s, "--halt"_s} << 2
+            << "exactly one of --percent and --halt"_s;
         QTest::newRow("nothing") << QStringList() << 2 << "Usage:"_s;
         QTest::newRow("unknown command") << QStringList{"pack"_s} << 2 << "unknown command"_s;
         QTest::newRow("create without -o") << QStringList{"create"_s, "."_s} << 2 << "missing -o"_s;

@@ -5,6 +5,7 @@
 #include "config/configer.h"
 #include "manager/ptrmanager.h"
 #include "modules/vindaler.h"
+#include "platform/skglobal.h"
 
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QTimer>
@@ -115,6 +116,24 @@ private slots:
         vindaler.setTemporaryStoragePath("/new/cache"_s);
         QCOMPARE(vindaler.config().value("startDownload"_s).toMap().value("temporaryStoragePath"_s).toString(),
                  "/old/cache"_s);
+    }
+
+    // The machine's place in rollouts is drawn once, kept, and handed over
+    // whatever the document says; a stored place is taken as it is.
+    void rolloutBucketIsKept()
+    {
+        SettingsSandbox store;
+        const auto handedOver = [this] {
+            QVariantMap config = serviceConfig(QUrl::fromLocalFile(m_work.path()).toString());
+            config.insert("rolloutBucket"_s, -5);
+            Vindaler vindaler;
+            vindaler.setConfigData(config)->deleteLater();
+            return vindaler.config().value("rolloutBucket"_s).toLongLong();
+        };
+        const qlonglong drawn = handedOver();
+        QCOMPARE(handedOver(), drawn);
+        SKGlobal::instance()->setSettingValue("HKEY_LOCAL_MACHINE\\SOFTWARE\\Arvenor\\TolmInstaller"_s, "rolloutBucket"_s, "7"_s);
+        QCOMPARE(handedOver(), 7LL);
     }
 
     void upgradeTakesLastCodeAndHighestVersion()

@@ -6,6 +6,7 @@
 #include <vindal/manager.h>
 #include <vindal/package.h>
 #include <vindal/repository.h>
+#include <vindal/rollout.h>
 
 #include <QtConcurrent/QtConcurrentRun>
 #include <QtCore/QLockFile>
@@ -567,6 +568,103 @@ private slots:
         QCOMPARE(codeOf(finished), 0);
         QCOMPARE(readFile(finished.value("result"_s).toMap().value("path"_s).toString()), QByteArray("M11.2"));
         QCOMPARE(codeOf(finish(manager.startUpgrade("M1"_s, "9.9"_s, Manager::InstallerPackage))), int(Error::NotFound));
+    }
+
+    // 2,000 clients placed by a seeded generator, through the client's own
+    // decision: each share lands within 2% of its target, raising it keeps
+    // every client it had, and a halt offers the release to none.
+    void rolloutShares()
+    {
+        QRandomGenerator generator(23);
+        QVector<double> positions(2000);
+        for (double &position : positions)
+            position = Rollout::position(generator.generate());
+        QVector<bool> offeredBefore(positions.size(), false);
+        for (const double percent : {5.0, 20.0, 50.0}) {
+            Rollout release;
+            release.percent = percent;
+            int offered = 0;
+            for (int i = 0; i < positions.size(); ++i) {
+                const bool now = release.offers(positions.at(i));
+                QVERIFY2(now || !offeredBefore.at(i), "raising the share dropped a client");
+                offeredBefore[i] = now;
+                offered += now;
+            }
+            QVERIFY2(qAbs(100.0 * offered / positions.size() - percent) <= 2.0, qPrintable("%1 of 2000 at %2%"_s.arg(offered).arg(percent)));
+            release.halted = true;
+            QVERIFY(std::none_of(positions.cbegin(), positions.cend(), [&release](double p) { return release.offers(p); }));
+        }
+    }
+
+    void channels_data()
+    {
+        QTest::addColumn<QString>("release"); // how 2.0 reaches clients; 1.0 is on stable for everyone
+        QTest::addColumn<QString>("channel");
+        QTest::addColumn<qlonglong>("bucket"); // -1: none configured
+        QTest::addColumn<QString>("held");     // delivered before (pinned)
+        QTest::addColumn<QString>("pinned");
+        QTest::addColumn<QString>("offered");  // the newest newer version the check names
+        QTest::addColumn<QString>("fetched");  // what a download takes, or the error's key
+        const qlonglong first = 0;
+        const qlonglong halfway = 1LL << 31;
+        QTest::newRow("stable client, beta release") << "beta" << "stable" << first << "" << "" << "1.0" << "1.0";
+        QTest::newRow("beta client, beta release") << "beta" << "beta" << halfway << "" << "" << "2.0" << "2.0";
+        QTest::newRow("pinned beta version, stable client") << "beta" << "stable" << first << "" << "2.0" << "1.0" << "NotFound";
+        QTest::newRow("promoted at 5 percent, first in line") << "beta stable:5" << "stable" << first << "" << "" << "2.0" << "2.0";
+        QTest::newRow("promoted at 5 percent, half way") << "beta stable:5" << "stable" << halfway << "" << "" << "1.0" << "1.0";
+        QTest::newRow("promoted at 5 percent, no bucket") << "beta stable:5" << "stable" << -1LL << "" << "" << "1.0" << "1.0";
+        QTest::newRow("raised to 100 percent") << "beta stable:5 stable:100" << "stable" << halfway << "" << "" << "2.0" << "2.0";
+        QTest::newRow("halted, new client") << "stable:100 halt" << "stable" << first << "" << "" << "1.0" << "1.0";
+        QTest::newRow("halted, client on it stays") << "stable:100 halt" << "stable" << first << "2.0" << "" << "" << "2.0";
+        QTest::newRow("halted, client on 1.0 waits") << "stable:100 halt" << "stable" << first << "1.0" << "" << "" << "1.0";
+    }
+
+    // What a client is offered and downloads, by channel, share and halt.
+    void channels()
+    {
+        if (!m_haveNginx)
+            QSKIP("the nginx fixture is not running");
+        QFETCH(QString, release);
+        QFETCH(QString, channel);
+        QFETCH(qlonglong, bucket);
+        QFETCH(QString, held);
+        QFETCH(QString, pinned);
+        const QString older = m_dir.filePath("app-1.0.tolmpkg"_s);
+        QVERIFY(QFileInfo::exists(older) || QFile::copy(m_package, older));
+        QVERIFY(Repository::publish(older, m_repo, Module, "1.0"_s));
+        Rollout step;
+        step.channel = "beta"_s;
+        QVERIFY(Repository::publish(m_package, m_repo, Module, "2.0"_s, step, m_key));
+        for (const QString &word : release.split(QLatin1Char(' '))) {
+            step.channel = word.section(QLatin1Char(':'), 0, 0);
+            step.percent = word.section(QLatin1Char(':'), 1).toDouble();
+            step.halted = word == "halt"_s;
+            if (word.contains(QLatin1Char(':')))
+                QVERIFY(Repository::promote(m_repo, Module, "2.0"_s, step, m_key));
+            else if (step.halted)
+                QVERIFY(Repository::setRollout(m_repo, Module, QString(), Rollout{"stable"_s, 0, true}, m_key));
+        }
+        QVariantMap more{{"channel"_s, channel}, {"publicKey"_s, m_publicKey}};
+        if (bucket >= 0)
+            more.insert("rolloutBucket"_s, bucket);
+        Manager manager;
+        QCOMPARE(configure(manager, nginxUrl(), more), 0);
+        const auto fetch = [&](const QString &version) {
+            VDBasicInfo info;
+            info.version = version;
+            const QVariantMap finished = finish(manager.downloadOfflineModule(Module, info));
+            return codeOf(finished) ? QString::fromLatin1(QMetaEnum::fromType<Error::ErrorCode>().valueToKey(codeOf(finished)))
+                                    : finished.value("result"_s).toMap().value("version"_s).toString();
+        };
+        if (!held.isEmpty())
+            QCOMPARE(fetch(held), held);
+        const QVariantMap check = finish(manager.checkUpgrade(QString(), QString(), QString(), "2.3.4"_s, QString(), QString(), 10,
+                                                              QStringList(), {"module"_s}));
+        QCOMPARE(codeOf(check), 0);
+        const QVariantMap answer = check.value("result"_s).toMap();
+        QCOMPARE(answer.value("current"_s).toString(), held);
+        QTEST(answer.value("upgrades"_s).toList().value(0).toMap().value("version"_s).toString(), "offered");
+        QTEST(fetch(pinned), "fetched");
     }
 
     void unpack()

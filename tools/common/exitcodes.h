@@ -3,8 +3,8 @@
 
 #include <corbeth/cbenum.h>
 
-// The exit codes of the command-line installers: 0 success, 2 bad usage, 130
-// cancelled, one code per engine error, and one per cause the engine reports
+// The exit codes of the command-line installers: 0 success, 2 bad usage, 100
+// an update is available (check), 130 cancelled, one code per engine error, and one per cause the engine reports
 // under a broader code (see FailureCause), so a script can tell them apart.
 namespace CorbethExit {
 
@@ -19,6 +19,8 @@ enum : int {
     ToolMissing = 26,
     Unreadable = 27,
     Downgrade = 28,
+    // `corbeth check`: the repository offers a newer version (not a failure).
+    UpdateAvailable = 100,
     Cancelled = 130
 };
 

@@ -1,6 +1,7 @@
 #include "setuptask.h"
 
 #include "failurecause.h"
+#include "updatecheck.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
@@ -80,6 +81,8 @@ void SetupTask::run()
         }
         break;
     case Update:
+        if (m_package.isEmpty() && isUpToDate())
+            return;
         if (m_package.isEmpty()) {
             m_downloadDir = std::make_unique<QTemporaryDir>();
             // The download makes its folder the engine's path; the update goes
@@ -101,6 +104,22 @@ void SetupTask::run()
         break;
     }
     }
+}
+
+bool SetupTask::isUpToDate()
+{
+    // Nothing is downloaded, unpacked or run when the repository offers
+    // nothing newer than what this client has.
+    const UpdateCheck check = UpdateCheck::ask(*m_manager);
+    if (check.error != CBEnum::EC_NoError) {
+        finish(check.error);
+        return true;
+    }
+    if (!check.isUpToDate())
+        return false;
+    emit upToDate(check.text());
+    finish();
+    return true;
 }
 
 void SetupTask::unpackUpdate(const QString &package)

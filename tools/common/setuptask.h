@@ -53,6 +53,9 @@ signals:
     void stageChanged(const QString &stage);
     // Bytes of the package received so far; total 0 when the engine does not know it.
     void transfer(qint64 received, qint64 total, double bytesPerSecond);
+    // An update from the repository found nothing newer: text says so
+    // ("already up to date: ..."); succeeded() follows.
+    void upToDate(const QString &text);
     void succeeded();
     void failed(Corbeth::CBEnum::ErrorCode code);
     void cancelled();
@@ -67,6 +70,9 @@ private:
     void onStatus(uint status);
     void onError(CBEnum::ErrorCode code);
     void onFinished();
+    // Ends the task when there is nothing to update to (or the repository
+    // cannot tell); true then.
+    bool isUpToDate();
     void unpackUpdate(const QString &package);
     void adoptPackageConfig();
     void finish(CBEnum::ErrorCode code = CBEnum::EC_NoError);

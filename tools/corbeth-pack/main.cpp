@@ -2,9 +2,11 @@
 // the module service library's own code, so that what a product owner tests by
 // hand is exactly what the engine does.
 //
-// Exit codes: 0 success, 1 the operation failed, 2 the command line is wrong.
+// Exit codes: 0 success, 1 the operation failed, 2 the command line is wrong
+// (commandline.h).
 #include "formatbytes.h"
 #include "progressprinter.h"
+#include "releasecommands.h"
 #include "rotatekey.h"
 
 #include <vindal/manager.h>
@@ -18,23 +20,23 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QLoggingCategory>
-#include <QtCore/QMetaEnum>
 #include <QtCore/QUrl>
 
 #include <cstdio>
 
 namespace {
 
-enum ExitCode { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2 };
-
 const char *const kUsage =
     "Usage: corbeth-pack <command> [options]\n"
     "\n"
     "Commands:\n"
     "  create <folder> -o <package> [--format zstd|zip|gzip|tar]\n"
-    "  publish <package> --repo <folder> --module <name> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
-    "          [--deltas <count>]\n"
+    "  publish <package> --repo <folder> --module <name> --version <v> [--channel <name>] [--rollout <percent>]\n"
+    "          [--key <secret-key-file>] [--expires <days>] [--deltas <count>]\n"
     "  publish <package> --repo <folder> --model-code <code> --version <v> [--key <secret-key-file>] [--expires <days>]\n"
+    "  promote --repo <folder> --module <name> --version <v> --to <channel> [--rollout <percent>] [--key <file>] [--expires <days>]\n"
+    "  rollout --repo <folder> --module <name> (--percent <p> | --halt) [--channel <name>] [--version <v>] [--key <file>]\n"
+    "          [--expires <days>]\n"
     "  deltas list --repo <folder> --module <name>\n"
     "  deltas prune --repo <folder> --module <name> [--keep <versions>] [--key <secret-key-file>]\n"
     "  keygen <name>\n"
@@ -46,106 +48,6 @@ const char *const kUsage =
     "        [--stall-timeout <s>] [--deadline <s>] [--ca-file <pem>] [--proxy system|none|<url>]\n"
     "\n"
     "Run 'corbeth-pack <command> --help' for the options of one command.\n";
-
-void printLine(std::FILE *stream, const QString &text)
-{
-    std::fprintf(stream, "%s\n", text.toLocal8Bit().constData());
-    std::fflush(stream);
-}
-
-QString codeName(int code)
-{
-    const char *key = QMetaEnum::fromType<Vindal::Error::ErrorCode>().valueToKey(code);
-    return key ? QLatin1String(key) : QString::number(code, 16).prepend(QLatin1String("0x"));
-}
-
-int fail(const QString &command, const QString &message)
-{
-    printLine(stderr, QStringLiteral("corbeth-pack %1: %2").arg(command, message));
-    return ExitFailure;
-}
-
-int fail(const QString &command, const Vindal::Outcome &outcome)
-{
-    QString message = outcome.message;
-    if (!outcome.subject.isEmpty() && !message.contains(outcome.subject))
-        message += QStringLiteral(" (%1)").arg(outcome.subject);
-    return fail(command, QStringLiteral("%1 [%2]").arg(message, codeName(outcome.code)));
-}
-
-// The command line of one command: its own parser, with --help.
-class CommandLine
-{
-public:
-    CommandLine(const QString &command, const QString &synopsis, const char *example)
-        : m_command(command)
-        , m_usage(QStringLiteral("Usage: corbeth-pack %1 %2 [options]")
-                      .arg(command, synopsis.section(QLatin1Char(':'), 0, 0)))
-        , m_example(QLatin1String(example))
-    {
-        m_parser.setApplicationDescription(QStringLiteral("corbeth-pack %1 %2").arg(command, synopsis));
-        m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-        m_parser.addHelpOption();
-    }
-
-    void addValue(const QStringList &names, const QString &description, const QString &valueName)
-    {
-        m_parser.addOption(QCommandLineOption(names, description, valueName));
-    }
-
-    // Parses; false with the exit code in *exitCode when the command must end
-    // here (an error, or --help).
-    bool parse(const QStringList &arguments, int positionals, int *exitCode)
-    {
-        if (!m_parser.parse(arguments)) {
-            *exitCode = usage(m_parser.errorText());
-            return false;
-        }
-        if (m_parser.isSet(QStringLiteral("help"))) {
-            // The command's own usage line, not the program's, and an example to copy.
-            QString text = m_parser.helpText();
-            text.replace(0, text.indexOf(QLatin1Char('\n')), m_usage);
-            printLine(stdout, text + QStringLiteral("\nExample:\n  ") + m_example);
-            *exitCode = ExitSuccess;
-            return false;
-        }
-        if (m_parser.positionalArguments().size() != positionals) {
-            *exitCode = usage(positionals ? QStringLiteral("expects %1 argument(s)").arg(positionals)
-                                          : QStringLiteral("takes no arguments"));
-            return false;
-        }
-        return true;
-    }
-
-    QString value(const QString &name) const { return m_parser.value(name); }
-    QStringList values(const QString &name) const { return m_parser.values(name); }
-    bool isSet(const QString &name) const { return m_parser.isSet(name); }
-    QString positional(int i) const { return m_parser.positionalArguments().value(i); }
-
-    // Every named option must be given; reports the first that is missing.
-    bool require(const QStringList &names, int *exitCode) const
-    {
-        for (const QString &name : names) {
-            if (m_parser.value(name).isEmpty()) {
-                *exitCode = usage(QStringLiteral("missing %1%2").arg(QLatin1String(name.size() == 1 ? "-" : "--"), name));
-                return false;
-            }
-        }
-        return true;
-    }
-
-    int usage(const QString &message) const
-    {
-        printLine(stderr, QStringLiteral("corbeth-pack %1: %2 (see 'corbeth-pack %1 --help')").arg(m_command, message));
-        return ExitUsage;
-    }
-
-private:
-    QString m_command;
-    QString m_usage;
-    QString m_example;
-    QCommandLineParser m_parser;
-};
 
 // The key of --public-key: the base64 text itself or the path of a ".pub"
 // file; null when the option is not given. An empty value or an empty file is
@@ -224,16 +126,17 @@ int publish(const QStringList &arguments)
                 QStringLiteral("Publish an installer upgrade for this model code instead of a module."),
                 QStringLiteral("code"));
     cl.addValue({QStringLiteral("version")}, QStringLiteral("The package's version."), QStringLiteral("v"));
-    cl.addValue({QStringLiteral("key")}, QStringLiteral("Sign the index with this secret key file."),
-                QStringLiteral("secret-key-file"));
-    cl.addValue({QStringLiteral("expires")},
-                QStringLiteral("Clients refuse the index this many days from now, unless it is published again."),
-                QStringLiteral("days"));
+    ReleaseCommands::addSigningOptions(cl);
+    ReleaseCommands::addReleaseOptions(cl, QStringLiteral("channel"));
     cl.addValue({QStringLiteral("deltas")},
                 QStringLiteral("Make deltas to this version from this many older ones (default 3, 0: none)."),
                 QStringLiteral("count"));
     int code = ExitSuccess;
-    if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("repo"), QStringLiteral("version")}, &code))
+    ReleaseCommands::Signing signing;
+    Vindal::Rollout release;
+    if (!cl.parse(arguments, 1, &code) || !cl.require({QStringLiteral("repo"), QStringLiteral("version")}, &code)
+        || !ReleaseCommands::readSigning(cl, &signing, &code)
+        || !ReleaseCommands::readRelease(cl, QStringLiteral("channel"), &release, &code))
         return code;
     bool deltasOk = true;
     const int deltas = cl.isSet(QStringLiteral("deltas")) ? cl.value(QStringLiteral("deltas")).toInt(&deltasOk) : 3;
@@ -242,27 +145,22 @@ int publish(const QStringList &arguments)
     const bool upgrade = cl.isSet(QStringLiteral("model-code"));
     if (upgrade == cl.isSet(QStringLiteral("module")))
         return cl.usage(QStringLiteral("give exactly one of --module and --model-code"));
+    if (upgrade && (cl.isSet(QStringLiteral("channel")) || cl.isSet(QStringLiteral("rollout"))))
+        return cl.usage(QStringLiteral("installer upgrades have no channels or rollouts"));
 
     const QString package = cl.positional(0);
     const QString repo = cl.value(QStringLiteral("repo"));
     const QString version = cl.value(QStringLiteral("version"));
-    const QString key = cl.value(QStringLiteral("key"));
+    const QString key = signing.key;
     const QString name = upgrade ? cl.value(QStringLiteral("model-code")) : cl.value(QStringLiteral("module"));
-    int expires = 0;
-    if (cl.isSet(QStringLiteral("expires"))) {
-        bool ok = false;
-        expires = cl.value(QStringLiteral("expires")).toInt(&ok);
-        if (!ok || expires < 1 || expires > 3650)
-            return cl.usage(QStringLiteral("--expires takes a number of days from 1 to 3650"));
-    }
-    if (cl.isSet(QStringLiteral("key")) && key.trimmed().isEmpty())
-        return fail(command, Vindal::Outcome::failure(Vindal::Error::ConfigError, QStringLiteral("--key is empty")));
+    const int expires = signing.expiresInDays;
     const Vindal::Outcome outcome = upgrade ? Vindal::Repository::publishUpgrade(package, repo, name, version, key, expires)
-                                            : Vindal::Repository::publish(package, repo, name, version, key, expires);
+                                            : Vindal::Repository::publish(package, repo, name, version, release, key, expires);
     if (!outcome)
         return fail(command, outcome);
-    printLine(stdout, QStringLiteral("published %1 as %2 %3%4")
+    printLine(stdout, QStringLiteral("published %1 as %2 %3%4%5")
                           .arg(QFileInfo(package).fileName(), name, version,
+                               upgrade ? QString() : QStringLiteral(" on %1 for %2% of its clients").arg(release.channel).arg(release.percent),
                                key.isEmpty() ? QString() : QStringLiteral(" (signed)")));
     return upgrade || deltas == 0 ? ExitSuccess : report(command, Vindal::Repository::publishDeltas(repo, name, version, deltas, key));
 }
@@ -527,6 +425,7 @@ int main(int argc, char *argv[])
         {QLatin1String("create"), create},   {QLatin1String("publish"), publish}, {QLatin1String("keygen"), keygen},
         {QLatin1String("verify"), verify},   {QLatin1String("extract"), extract}, {QLatin1String("fetch"), fetch},
         {QLatin1String("deltas"), deltas},   {QLatin1String("rotate-key"), rotateKey},
+        {QLatin1String("promote"), ReleaseCommands::promote}, {QLatin1String("rollout"), ReleaseCommands::rollout},
     };
     for (const auto &entry : commands) {
         if (command == entry.first)

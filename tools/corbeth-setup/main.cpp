@@ -44,6 +44,9 @@ int runSilent(Manager &manager, const ProductInfo &product, const SetupOptions &
         exitCode = CorbethExit::Success;
         QCoreApplication::exit(0);
     });
+    QObject::connect(&task, &SetupTask::upToDate, [](const QString &text) {
+        std::fprintf(stdout, "corbeth-setup: %s\n", qPrintable(text));
+    });
     QObject::connect(&task, &SetupTask::failed, [&](CBEnum::ErrorCode code) {
         const QString cause = FailureCause::text();
         printError(QStringLiteral("%1 failed: %2(%3, %4)")

@@ -188,6 +188,7 @@ SetupWindow::SetupWindow(Manager *manager, const ProductInfo &product, const Set
             text += (text.isEmpty() ? QString() : QStringLiteral(", ")) + tr("%1/s").arg(locale.formattedDataSize(qint64(rate)));
         m_transfer->setText(text);
     });
+    connect(&m_task, &SetupTask::upToDate, this, [this](const QString &text) { m_upToDate = text; });
     connect(&m_task, &SetupTask::succeeded, this, [this] {
         if (!std::exchange(m_undoing, false)) {
             showPage(m_finishPage);
@@ -440,6 +441,7 @@ void SetupWindow::showPage(QWidget *page)
     if (page == m_finishPage) {
         const QString folder = QDir::toNativeSeparators(installFolder());
         m_finishText->setText(m_options.mode == SetupOptions::Uninstall ? tr("%1 has been removed.").arg(m_product.name)
+                              : !m_upToDate.isEmpty() ? tr("%1 in %2: %3. Nothing was changed.").arg(m_product.name, folder, m_upToDate)
                               : m_options.mode == SetupOptions::Update
                                   ? tr("%1 in %2 is up to date.").arg(m_product.name, folder) + QLatin1Char(' ') + m_task.deltaReport()
                                   : tr("%1 has been installed in %2.").arg(m_product.name, folder));

@@ -106,6 +106,7 @@ private:
     QPushButton *m_retry = nullptr;
     QPushButton *m_removePlaced = nullptr;
     // The cancelled install's files are being removed.
+    QString m_upToDate; // what an update that found nothing newer said
     bool m_undoing = false;
     QPushButton *m_saveLog = nullptr;
 };

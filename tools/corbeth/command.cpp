@@ -4,6 +4,7 @@
 #include "exitcodes.h"
 #include "failurecause.h"
 #include "formatbytes.h"
+#include "updatecheck.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -19,6 +20,7 @@ using Corbeth::CBEnum;
 using Corbeth::FailureCause;
 using Corbeth::Manager;
 using Corbeth::SetupTask;
+using Corbeth::UpdateCheck;
 
 namespace {
 
@@ -65,6 +67,7 @@ Command::Command(Options options, Reporter *reporter, QObject *parent)
     connect(&m_task, &SetupTask::progress, this, [this](double percent) { m_reporter->progress(percent); });
     connect(&m_task, &SetupTask::transfer, this,
             [this](qint64 received, qint64 total, double rate) { m_reporter->transfer(received, total, rate); });
+    connect(&m_task, &SetupTask::upToDate, this, [this](const QString &text) { m_reporter->info(text); });
     connect(&m_task, &SetupTask::succeeded, this, [this] {
         qint64 saved = 0;
         if (const QString delta = m_task.deltaReport(&saved); !delta.isEmpty())
@@ -212,6 +215,14 @@ void Command::run()
                  QStringLiteral("patch failed at %1").arg(m_manager.installPath()));
         else
             finish(CorbethExit::Success);
+    } else if (is(name, "check")) {
+        if (!configure(true))
+            return;
+        const UpdateCheck check = UpdateCheck::ask(m_manager);
+        if (check.error != CBEnum::EC_NoError)
+            return fail(check.error, failure(check.error));
+        m_reporter->info(check.text(), check.toJson());
+        finish(check.isUpToDate() ? CorbethExit::Success : CorbethExit::UpdateAvailable);
     } else if (is(name, "download")) {
         if (!configure(true))
             return;
@@ -404,7 +415,7 @@ void Command::finish(int exitCode)
     // The summary comes last: the engine's finished() may still be on its way
     // to the other receivers of the signal that ended the task.
     QTimer::singleShot(0, this, [this, exitCode] {
-        const QString outcome = exitCode == CorbethExit::Success ? QStringLiteral("succeeded")
+        const QString outcome = exitCode == CorbethExit::Success || exitCode == CorbethExit::UpdateAvailable ? QStringLiteral("succeeded")
             : exitCode == CorbethExit::Cancelled                 ? QStringLiteral("cancelled")
                                                                  : QStringLiteral("failed");
         m_reporter->summary(m_options.name, exitCode, outcome);

@@ -43,6 +43,7 @@ const Subcommand kCommands[] = {
     {"patch", "--config <file> [--path <dir>]", "corbeth patch --config product.json --path /opt/product"},
     {"uninstall", "--config <file> [--path <dir>] [--flow <name>]",
      "corbeth uninstall --config product.json --path /opt/product"},
+    {"check", "--config <file>", "corbeth check --config product.json && echo up to date"},
     {"download", "--config <file> --path <dir>", "corbeth download --config product.json --path /media/usb"},
     {"verify", "<package>", "corbeth verify product-2.0.tolmpkg"},
     {"search", "<dir>", "corbeth search /media/usb"},
@@ -58,7 +59,8 @@ QString usage()
     for (const Subcommand &subcommand : kCommands)
         text += QStringLiteral("  %1 %2\n").arg(QLatin1String(subcommand.name), -11).arg(QLatin1String(subcommand.synopsis));
     text += QStringLiteral("\nRun 'corbeth <command> --help' for the options of one command and examples.\n"
-                           "Exit codes: 0 done, 2 wrong usage, 10-21 one per engine error, 130 interrupted (docs/cli.md).\n");
+                           "Exit codes: 0 done, 2 wrong usage, 10-28 one per failure, 100 an update is available (check),\n"
+                           "130 interrupted (docs/cli.md).\n");
     return text;
 }
 
@@ -98,7 +100,7 @@ bool parse(const Subcommand &subcommand, const QStringList &arguments, Command::
                                      QStringLiteral("Rounds of download retries before giving up (default 3, 0: the configuration's)."),
                                      QStringLiteral("n"));
     parser.addOptions({helpOption, jsonOption, verboseOption});
-    const bool downloads = QByteArrayList{"install", "update", "download", "self-update"}.contains(subcommand.name);
+    const bool downloads = QByteArrayList{"install", "update", "check", "download", "self-update"}.contains(subcommand.name);
     for (const auto &option : {config, path, addition, force, removeOlder, package, from, flow, param}) {
         if (takes(subcommand, "--" + option.names().constFirst().toLatin1()))
             parser.addOption(option);

@@ -87,6 +87,11 @@ Reply *ManagerPrivate::request(RepositoryRequest::Mode mode, const RepositoryReq
     return reply;
 }
 
+QString ManagerPrivate::installedVersion(const QString &module) const
+{
+    return m_config.installedVersion.isEmpty() ? StateStore::installed(m_config.identity(), module) : m_config.installedVersion;
+}
+
 Reply *ManagerPrivate::fetchModule(const QString &module, const VDBasicInfo &info, bool writeVerifyFile)
 {
     if (!m_configured)
@@ -104,7 +109,7 @@ Reply *ManagerPrivate::fetchModule(const QString &module, const VDBasicInfo &inf
     target.writeVerifyFile = writeVerifyFile;
     target.extra = info.extra;
     target.useDelta = m_config.useDeltas;
-    target.installedVersion = m_config.installedVersion.isEmpty() ? StateStore::installed(m_config.identity(), target.name) : m_config.installedVersion;
+    target.installedVersion = installedVersion(target.name);
     target.delivered = [this](const QVariantMap &result) {
         QMutexLocker lock(&m_mutex);
         m_delivered.insert(QFileInfo(result.value(QStringLiteral("path")).toString()).absoluteFilePath(), result);
@@ -248,17 +253,26 @@ Reply *Manager::checkUpgrade(const QString &programFolder, const QString &modelC
 {
     Q_UNUSED(programFolder)
     Q_UNUSED(protocolVersion)
-    Q_UNUSED(options)
     if (!d->m_configured)
         return d->refuse(Error::ConfigError, QStringLiteral("no configuration: setConfigData() or setConfigPath() comes first"));
     RepositoryRequest::Target target;
     target.kind = PackageIndex::Upgrades;
     target.name = modelCode;
+    // The option "module": modelCode names a module (the configured one when
+    // empty), as startUpgrade's ModulePackage does.
+    if (options.contains(QStringLiteral("module"))) {
+        target.kind = PackageIndex::Module;
+        target.name = modelCode.isEmpty() ? d->m_config.module : modelCode;
+        if (!Repository::isValidModuleName(target.name))
+            return d->refuse(Error::ConfigError, QStringLiteral("no module to check: \"%1\" is not a module name").arg(target.name));
+    }
     target.environment = environment;
     target.os = os;
     target.lang = lang;
     target.limit = limit;
     target.installed = installed;
+    target.useDelta = d->m_config.useDeltas;
+    target.installedVersion = d->installedVersion(target.name);
     return d->request(RepositoryRequest::ListUpgrades, target);
 }
 

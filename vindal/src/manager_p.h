@@ -34,6 +34,9 @@ public:
     // at once, finished() follows from the event loop.
     Reply *refuse(Error::ErrorCode code, const QString &message);
     Reply *request(RepositoryRequest::Mode mode, const RepositoryRequest::Target &target);
+    // The version of module installed here, which a delta starts from: the
+    // configured one, else the version last unpacked from this repository.
+    QString installedVersion(const QString &module) const;
     Reply *fetchModule(const QString &module, const VDBasicInfo &info, bool writeVerifyFile);
     void shutdown();
 

@@ -1,6 +1,7 @@
 #include "packageindex_p.h"
 
 #include "deltaref_p.h"
+#include "releasechannels_p.h"
 #include "repositorylayout_p.h"
 
 #include <QtCore/QJsonArray>
@@ -112,6 +113,9 @@ bool PackageIndex::parse(const QByteArray &json, QString *error)
             problem = QStringLiteral("sha256 is not 64 lower-case hex characters");
         if (problem.isEmpty())
             DeltaRef::listOf(entry, nullptr, &problem);
+        QList<Rollout> channels; // a malformed release refuses the index like any other key
+        if (problem.isEmpty() && m_kind == Module)
+            ReleaseChannels::read(entry, &channels, &problem);
         if (!problem.isEmpty()) {
             *error = QStringLiteral("entry %1 (%2): %3").arg(i).arg(entry.version, problem);
             return false;

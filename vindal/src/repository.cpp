@@ -1,9 +1,11 @@
 #include <vindal/filedigest.h>
 #include <vindal/repository.h>
 
+#include "indexwriter_p.h"
 #include "packageindex_p.h"
 #include "repositoryfiles_p.h"
 #include "repositorykeys_p.h"
+#include "releasechannels_p.h"
 #include "repositorylayout_p.h"
 #include "signature_p.h"
 
@@ -48,13 +50,13 @@ Outcome copyFile(const QString &from, const QString &to)
     return Outcome::success();
 }
 
-Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const QString &repoFolder,
-                     const QString &name, const QString &version, const QString &secretKeyFile, int expiresInDays)
+// release: the channel the version goes to; none leaves the entry without
+// channels, which clients read as "stable" for everyone.
+Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const QString &repoFolder, const QString &name,
+                     const QString &version, const QString &secretKeyFile, int expiresInDays, const Rollout *release = nullptr)
 {
     if (kind == PackageIndex::Module ? !Repository::isValidModuleName(name) : name.trimmed().isEmpty())
         return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid name").arg(name), name);
-    if (expiresInDays < 0 || expiresInDays > MaxExpiryDays)
-        return Outcome::failure(Error::ConfigError, QStringLiteral("the expiry must be 1 to %1 days, not %2").arg(MaxExpiryDays).arg(expiresInDays));
     if (!PackageIndex::isValidVersion(version))
         return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid version").arg(version), version);
     const QString fileName = QFileInfo(packageFile).fileName();
@@ -73,21 +75,74 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
                                 packageFile);
     }
     QByteArray secretKey;
-    // A key named but empty is a mistake, never a request to publish unsigned.
-    if (!secretKeyFile.isNull() && secretKeyFile.trimmed().isEmpty())
-        return Outcome::failure(Error::ConfigError, QStringLiteral("the secret key file's name is empty"));
-    if (!secretKeyFile.isEmpty()) {
-        const Outcome key = readSecretKey(secretKeyFile, &secretKey);
-        if (!key)
-            return key;
-    }
-    const Outcome admitted = admitsKey(repoFolder, secretKey, secretKeyFile);
-    if (!admitted)
-        return admitted;
+    const Outcome key = IndexWriter::readKey(repoFolder, secretKeyFile, &secretKey);
+    if (!key)
+        return key;
     const FileDigest digest = FileDigest::ofFile(packageFile);
     if (!digest.isValid())
         return Outcome::failure(Error::NotFound, QStringLiteral("cannot read \"%1\"").arg(packageFile), packageFile);
 
+    IndexEntry entry;
+    entry.version = version;
+    entry.modelCode = kind == PackageIndex::Upgrades ? name : QString();
+    entry.file = fileName;
+    entry.size = digest.size;
+    entry.md5 = digest.md5;
+    entry.sha256 = digest.sha256;
+    if (release)
+        ReleaseChannels::write(&entry, *release, true);
+    const QString folder = QDir(repoFolder).filePath(RepositoryLayout::folder(kind, kind == PackageIndex::Module ? name : QString()));
+    QString how;
+    const Outcome updated = IndexWriter::update(kind, repoFolder, name, secretKey, expiresInDays, [&](PackageIndex &index) {
+        for (const IndexEntry &other : index.entries()) {
+            const bool same = PackageIndex::compareVersions(other.version, version) == 0 && other.modelCode == entry.modelCode;
+            if (!same && other.file == fileName && other.sha256 != digest.sha256) {
+                return Outcome::failure(Error::ConfigError,
+                                        QStringLiteral("\"%1\" already holds version %2; give this package another file name")
+                                            .arg(fileName, other.version),
+                                        fileName);
+            }
+        }
+        const Outcome copied = copyFile(packageFile, QDir(folder).filePath(fileName));
+        if (copied)
+            index.upsert(entry);
+        return copied;
+    }, &how);
+    if (!updated)
+        return updated;
+    return Outcome::success(QStringLiteral("published %1 %2 (%3)").arg(name, version, how));
+}
+
+// Clients trust the keys the repository's key statement names, or without
+// one the key that signed it so far: an index signed with another key, or
+// left unsigned, would lock them out.
+Outcome admitsKey(const QString &repoFolder, const QByteArray &secretKey, const QString &secretKeyFile)
+{
+    RepositoryKeys keys;
+    const Outcome read = RepositoryKeys::read(repoFolder, &keys);
+    return read ? keys.admits(secretKey, secretKeyFile) : read;
+}
+
+} // namespace
+
+Outcome IndexWriter::readKey(const QString &repoFolder, const QString &secretKeyFile, QByteArray *secretKey)
+{
+    // A key named but empty is a mistake, never a request to publish unsigned.
+    if (!secretKeyFile.isNull() && secretKeyFile.trimmed().isEmpty())
+        return Outcome::failure(Error::ConfigError, QStringLiteral("the secret key file's name is empty"));
+    if (!secretKeyFile.isEmpty()) {
+        const Outcome read = readSecretKey(secretKeyFile, secretKey);
+        if (!read)
+            return read;
+    }
+    return admitsKey(repoFolder, *secretKey, secretKeyFile);
+}
+
+Outcome IndexWriter::update(PackageIndex::Kind kind, const QString &repoFolder, const QString &name, const QByteArray &secretKey,
+                            int expiresInDays, const std::function<Outcome(PackageIndex &)> &change, QString *how)
+{
+    if (expiresInDays < 0 || expiresInDays > MaxExpiryDays)
+        return Outcome::failure(Error::ConfigError, QStringLiteral("the expiry must be 1 to %1 days, not %2").arg(MaxExpiryDays).arg(expiresInDays));
     const QDir repo(repoFolder);
     const QString module = kind == PackageIndex::Module ? name : QString();
     const QString folder = repo.filePath(RepositoryLayout::folder(kind, module));
@@ -99,28 +154,11 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
     const Outcome loaded = loadIndex(indexPath, &index);
     if (!loaded)
         return loaded;
-    IndexEntry entry;
-    entry.version = version;
-    entry.modelCode = kind == PackageIndex::Upgrades ? name : QString();
-    entry.file = fileName;
-    entry.size = digest.size;
-    entry.md5 = digest.md5;
-    entry.sha256 = digest.sha256;
-    for (const IndexEntry &other : index.entries()) {
-        const bool same = PackageIndex::compareVersions(other.version, version) == 0 && other.modelCode == entry.modelCode;
-        if (!same && other.file == fileName && other.sha256 != digest.sha256) {
-            return Outcome::failure(Error::ConfigError,
-                                    QStringLiteral("\"%1\" already holds version %2; give this package another file name")
-                                        .arg(fileName, other.version),
-                                    fileName);
-        }
-    }
-    const Outcome copied = copyFile(packageFile, QDir(folder).filePath(fileName));
-    if (!copied)
-        return copied;
+    const Outcome changed = change(index);
+    if (!changed)
+        return changed;
     if (kind == PackageIndex::Module)
         index.setModule(name);
-    index.upsert(entry);
     // Each publication states its own expiry; none when it gives none.
     index.setExpires(expiresInDays > 0 ? QDateTime::currentDateTimeUtc().addDays(expiresInDays) : QDateTime());
     const QByteArray json = index.toJson();
@@ -128,19 +166,15 @@ Outcome publishEntry(PackageIndex::Kind kind, const QString &packageFile, const 
     if (!written)
         return written;
     const QString signaturePath = repo.filePath(RepositoryLayout::signature(kind, module));
+    *how = secretKey.isEmpty() ? QStringLiteral("unsigned") : QStringLiteral("signed");
     if (secretKey.isEmpty()) {
         // An old signature would no longer match and make signed clients
         // refuse the repository.
         QFile::remove(signaturePath);
-        return Outcome::success(QStringLiteral("published %1 %2 (unsigned)").arg(name, version));
+        return Outcome::success();
     }
-    const Outcome signedOk = writeFile(signaturePath, Signature::sign(json, secretKey));
-    if (!signedOk)
-        return signedOk;
-    return Outcome::success(QStringLiteral("published %1 %2 (signed)").arg(name, version));
+    return writeFile(signaturePath, Signature::sign(json, secretKey));
 }
-
-} // namespace
 
 Outcome loadIndex(const QString &path, PackageIndex *index)
 {
@@ -156,20 +190,18 @@ Outcome loadIndex(const QString &path, PackageIndex *index)
     return Outcome::success();
 }
 
-// Clients trust the keys the repository's key statement names, or without
-// one the key that signed it so far: an index signed with another key, or
-// left unsigned, would lock them out.
-Outcome admitsKey(const QString &repoFolder, const QByteArray &secretKey, const QString &secretKeyFile)
-{
-    RepositoryKeys keys;
-    const Outcome read = RepositoryKeys::read(repoFolder, &keys);
-    return read ? keys.admits(secretKey, secretKeyFile) : read;
-}
-
 Outcome Repository::publish(const QString &packageFile, const QString &repoFolder, const QString &module,
                             const QString &version, const QString &secretKeyFile, int expiresInDays)
 {
     return publishEntry(PackageIndex::Module, packageFile, repoFolder, module, version, secretKeyFile, expiresInDays);
+}
+
+Outcome Repository::publish(const QString &packageFile, const QString &repoFolder, const QString &module,
+                            const QString &version, const Rollout &release, const QString &secretKeyFile, int expiresInDays)
+{
+    if (!Rollout::isValidChannel(release.channel) || !Rollout::isValidPercent(release.percent))
+        return Outcome::failure(Error::ConfigError, QStringLiteral("the channel must be a channel name and the rollout 0 to 100 percent"));
+    return publishEntry(PackageIndex::Module, packageFile, repoFolder, module, version, secretKeyFile, expiresInDays, &release);
 }
 
 Outcome Repository::publishUpgrade(const QString &packageFile, const QString &repoFolder, const QString &modelCode,

@@ -169,6 +169,8 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
     }
 
     c.storagePath = map.value(QStringLiteral("startDownload")).toMap().value(QStringLiteral("temporaryStoragePath")).toString();
+    if (!parseRelease(map, &c, error))
+        return false;
 
     const QVariantMap unpack = map.value(QStringLiteral("unpack")).toMap();
     double maxRatio = double(c.limits.maxRatio);
@@ -183,6 +185,30 @@ bool RepositoryConfig::parse(const QVariantMap &map, RepositoryConfig *config, Q
     c.limits.maxEntries = qint64(maxEntries);
 
     *config = c;
+    return true;
+}
+
+bool RepositoryConfig::parseRelease(const QVariantMap &map, RepositoryConfig *config, QString *error)
+{
+    if (map.contains(QStringLiteral("channel"))) {
+        config->channel = map.value(QStringLiteral("channel")).toString();
+        if (!Rollout::isValidChannel(config->channel)) {
+            *error = QStringLiteral("\"channel\" \"%1\" is not a channel name (lower-case letters, digits, \".\", \"_\", \"-\")")
+                         .arg(config->channel);
+            return false;
+        }
+    }
+    if (map.contains(QStringLiteral("rolloutBucket"))) {
+        const QVariant value = map.value(QStringLiteral("rolloutBucket"));
+        bool ok = false;
+        const qlonglong bucket = value.toLongLong(&ok);
+        // A fraction would be cut silently: only a whole number is this machine's bucket.
+        if (!ok || value.type() == QVariant::String || value.toDouble() != double(bucket) || bucket < 0 || bucket > 0xffffffffLL) {
+            *error = QStringLiteral("\"rolloutBucket\" must be a whole number from 0 to 4294967295");
+            return false;
+        }
+        config->rolloutPosition = Rollout::position(quint32(bucket));
+    }
     return true;
 }
 

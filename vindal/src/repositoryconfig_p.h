@@ -2,6 +2,7 @@
 #define VINDAL_REPOSITORYCONFIG_P_H
 
 #include <vindal/package.h>
+#include <vindal/rollout.h>
 
 #include <QtCore/QList>
 #include <QtCore/QUrl>
@@ -32,6 +33,8 @@ struct RepositoryConfig
     QString installedVersion;        // "moduleInfo" -> "installedVersion"; empty: the library's record
     bool useDeltas = true;           // "deltas"
     QString storagePath;             // "startDownload" -> "temporaryStoragePath"
+    QString channel = Rollout::defaultChannel(); // "channel": the one channel this client follows
+    double rolloutPosition = Rollout::lastPosition(); // from "rolloutBucket"
     ExtractLimits limits;
 
     bool isValid() const { return !bases.isEmpty(); }
@@ -39,6 +42,8 @@ struct RepositoryConfig
     // is configured, its base URL otherwise.
     QString identity() const;
     static bool parse(const QVariantMap &map, RepositoryConfig *config, QString *error);
+    // "channel" and "rolloutBucket".
+    static bool parseRelease(const QVariantMap &map, RepositoryConfig *config, QString *error);
     // Where downloads go when no temporary storage path is configured.
     static QString defaultStoragePath();
 };

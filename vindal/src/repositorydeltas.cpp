@@ -5,6 +5,7 @@
 
 #include "deltabuilder_p.h"
 #include "deltaref_p.h"
+#include "indexwriter_p.h"
 #include "packageindex_p.h"
 #include "repositoryfiles_p.h"
 #include "repositorylayout_p.h"
@@ -48,14 +49,8 @@ Outcome openModule(const QString &repoFolder, const QString &module, ModuleFolde
 Outcome saveModule(const QString &repoFolder, const ModuleFolder &m, const QString &secretKeyFile)
 {
     QByteArray secretKey;
-    if (!secretKeyFile.isNull() && secretKeyFile.trimmed().isEmpty())
-        return Outcome::failure(Error::ConfigError, QStringLiteral("the secret key file's name is empty"));
-    if (!secretKeyFile.isEmpty()) {
-        if (const Outcome key = readSecretKey(secretKeyFile, &secretKey); !key)
-            return key;
-    }
-    if (const Outcome admitted = admitsKey(repoFolder, secretKey, secretKeyFile); !admitted)
-        return admitted;
+    if (const Outcome key = IndexWriter::readKey(repoFolder, secretKeyFile, &secretKey); !key)
+        return key;
     const QByteArray json = m.index.toJson();
     if (const Outcome written = writeFile(m.indexPath, json); !written)
         return written;

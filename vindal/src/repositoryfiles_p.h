@@ -21,9 +21,6 @@ Outcome writeFile(const QString &path, const QByteArray &bytes, bool ownerOnly =
 Outcome readSecretKey(const QString &path, QByteArray *key);
 // An index that does not exist loads as an empty one (repository.cpp).
 Outcome loadIndex(const QString &path, PackageIndex *index);
-// Whether the repository's clients trust this key (none: an unsigned
-// repository) for the indexes of repoFolder (repository.cpp).
-Outcome admitsKey(const QString &repoFolder, const QByteArray &secretKey, const QString &secretKeyFile);
 
 } // namespace Vindal
 

@@ -6,6 +6,7 @@
 #include "indexfetcher_p.h"
 #include "logging_p.h"
 #include "plainfile_p.h"
+#include "releasechannels_p.h"
 #include "reply_p.h"
 #include "repositorylayout_p.h"
 #include "statestore_p.h"
@@ -103,7 +104,7 @@ void RepositoryRequest::indexed(const Outcome &outcome, const PackageIndex &inde
         return finish(Outcome::success(), result);
     }
     if (m_mode == ListUpgrades)
-        return listUpgrades(index);
+        return m_target.kind == PackageIndex::Module ? listOffers(index) : listUpgrades(index);
     if (m_target.kind == PackageIndex::Module)
         m_cache->store(m_target.name, index, base);
 
@@ -155,23 +156,33 @@ Outcome RepositoryRequest::select(const PackageIndex &index, const IndexEntry **
     const QString modelCode = m_target.kind == PackageIndex::Upgrades ? m_target.name : QString();
     const QString what = m_target.kind == PackageIndex::Module ? QStringLiteral("module %1").arg(m_target.name)
                                                               : QStringLiteral("model %1").arg(m_target.name);
+    // Pinned or not, a state file that cannot be read stops a module's
+    // download before it starts: its mark could not be raised afterwards.
+    QString highest;
+    if (m_target.kind == PackageIndex::Module) {
+        const Outcome read = StateStore::highWater(m_config.identity(), m_target.name, &highest);
+        if (!read)
+            return read;
+    }
     if (!m_target.version.isEmpty()) {
         *entry = index.find(m_target.version, modelCode);
         if (!*entry)
             return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version %2").arg(what, m_target.version));
     } else {
-        *entry = index.newest(modelCode);
+        *entry = m_target.kind == PackageIndex::Module
+            ? ReleaseChannels::newestOffered(index, m_config.channel, m_config.rolloutPosition, highest)
+            : index.newest(modelCode);
+        if (!*entry && m_target.kind == PackageIndex::Module)
+            return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version for this client on the channel \"%2\"")
+                                                         .arg(what, m_config.channel));
         if (!*entry)
-            return Outcome::failure(m_target.kind == PackageIndex::Module ? Error::NotFound : Error::NoUpgrade,
-                                    QStringLiteral("%1 has no version in the repository").arg(what));
+            return Outcome::failure(Error::NoUpgrade, QStringLiteral("%1 has no version in the repository").arg(what));
     }
     if (m_target.kind == PackageIndex::Module) {
-        // Pinned or not, a state file that cannot be read stops the download
-        // before it starts: its mark could not be raised afterwards.
-        QString highest;
-        const Outcome read = StateStore::highWater(m_config.identity(), m_target.name, &highest);
-        if (!read)
-            return read;
+        // Not even a pinned version comes from a channel this client does not follow.
+        if (!ReleaseChannels::find(**entry, m_config.channel))
+            return Outcome::failure(Error::NotFound, QStringLiteral("%1 %2 is not on the channel \"%3\" this client follows")
+                                                         .arg(what, (*entry)->version, m_config.channel));
         if (!m_target.pinned && !highest.isEmpty() && PackageIndex::compareVersions((*entry)->version, highest) < 0) {
             return Outcome::failure(Error::DowngradeRefused,
                                     QStringLiteral("%1 offers %2, older than %3 delivered before; pin the version to go back")
@@ -265,6 +276,50 @@ void RepositoryRequest::listUpgrades(const PackageIndex &index)
         upgrades.append(map);
     }
     finish(Outcome::success(), QVariantMap{{QStringLiteral("upgrades"), upgrades}});
+}
+
+// The size of a delta package that turns from into this entry's version,
+// when the entry lists one ("deltas": [{"from": <version>, "size": <bytes>}]);
+// -1 otherwise. The hook the update check reports deltas through: the list's
+// shape is the publisher's, so this is the one place that reads it.
+void RepositoryRequest::listOffers(const PackageIndex &index)
+{
+    // What this client holds: the highest version delivered to it, or a
+    // higher one the caller says is installed.
+    QString current;
+    const Outcome read = StateStore::highWater(m_config.identity(), m_target.name, &current);
+    if (!read)
+        return finish(read, QVariantMap{{QStringLiteral("subject"), read.subject}});
+    for (const QString &version : qAsConst(m_target.installed)) {
+        if (current.isEmpty() || PackageIndex::compareVersions(version, current) > 0)
+            current = version;
+    }
+    QList<const IndexEntry *> offered;
+    for (const IndexEntry &entry : index.entries()) {
+        Rollout release;
+        if (ReleaseChannels::find(entry, m_config.channel, &release) && release.offers(m_config.rolloutPosition)
+            && (current.isEmpty() || PackageIndex::compareVersions(entry.version, current) > 0))
+            offered.append(&entry);
+    }
+    std::stable_sort(offered.begin(), offered.end(), [](const IndexEntry *a, const IndexEntry *b) {
+        return PackageIndex::compareVersions(a->version, b->version) > 0;
+    });
+    if (m_target.limit > 0 && offered.size() > m_target.limit)
+        offered = offered.mid(0, m_target.limit);
+    QVariantList upgrades;
+    for (const IndexEntry *entry : qAsConst(offered)) {
+        QVariantMap map = entry->toVariantMap();
+        map.insert(QStringLiteral("module"), m_target.name);
+        // The delta a download would take, from the version installed here.
+        DeltaRef delta;
+        const bool listed = m_target.useDelta && DeltaRef::pick(*entry, m_target.installedVersion, &delta);
+        map.insert(QStringLiteral("deltaSize"), listed ? delta.package.size : qint64(-1));
+        upgrades.append(map);
+    }
+    finish(Outcome::success(), QVariantMap{{QStringLiteral("module"), m_target.name},
+                                           {QStringLiteral("channel"), m_config.channel},
+                                           {QStringLiteral("current"), current},
+                                           {QStringLiteral("upgrades"), upgrades}});
 }
 
 void RepositoryRequest::finish(const Outcome &outcome, const QVariant &result)

@@ -28,7 +28,7 @@ public:
     enum Mode {
         Resolve,      // find the package the configuration names; never fails the reply
         Fetch,        // download a package
-        ListUpgrades, // answer "upgrades"
+        ListUpgrades, // answer "upgrades": installer upgrades, or a module's offered versions
     };
 
     struct Target
@@ -67,6 +67,9 @@ public:
 private:
     void indexed(const Outcome &outcome, const PackageIndex &index, int base);
     void listUpgrades(const PackageIndex &index);
+    // A module's versions newer than the client's, on its channel and
+    // within its share of each rollout.
+    void listOffers(const PackageIndex &index);
     Outcome select(const PackageIndex &index, const IndexEntry **entry) const;
     QVariantMap describe(const IndexEntry &entry, const QUrl &base) const;
     void downloaded(const Outcome &outcome, const QVariantMap &info);

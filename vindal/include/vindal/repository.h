@@ -2,6 +2,7 @@
 #define VINDAL_REPOSITORY_H
 
 #include <vindal/outcome.h>
+#include <vindal/rollout.h>
 #include <vindal/vindal_export.h>
 
 #include <QtCore/QString>
@@ -46,6 +47,22 @@ public:
     static Outcome publish(const QString &packageFile, const QString &repoFolder, const QString &module,
                            const QString &version, const QString &secretKeyFile = QString(), int expiresInDays = 0);
 
+    // The same, with the version released on release.channel alone, offered
+    // to release.percent of that channel's clients ("channels" in its entry).
+    static Outcome publish(const QString &packageFile, const QString &repoFolder, const QString &module,
+                           const QString &version, const Rollout &release, const QString &secretKeyFile = QString(),
+                           int expiresInDays = 0);
+    // Puts a published version on release.channel as well, offered to
+    // release.percent of its clients; the channels it is on stay.
+    static Outcome promote(const QString &repoFolder, const QString &module, const QString &version, const Rollout &release,
+                           const QString &secretKeyFile = QString(), int expiresInDays = 0);
+    // Changes the share of a version on release.channel to release.percent,
+    // or halts it there (release.halted, keeping its share for the record).
+    // An empty version means the newest on that channel. The outcome's
+    // subject is the version changed.
+    static Outcome setRollout(const QString &repoFolder, const QString &module, const QString &version, const Rollout &release,
+                              const QString &secretKeyFile = QString(), int expiresInDays = 0);
+
     // The same for an installer package in the upgrades document, listed
     // under modelCode with softVersion.
     static Outcome publishUpgrade(const QString &packageFile, const QString &repoFolder, const QString &modelCode,
@@ -63,7 +80,7 @@ public:
     // delta to version from each of the count newest older versions whose
     // packages are still in the repository, lists them under version in the
     // index (replacing the deltas listed there before) and signs the index
-    // again with the key, or leaves it unsigned as publish does. A delta
+    // again with the key, which a signed repository requires, as publish does. A delta
     // that is not smaller than the full package is not kept.
     static Outcome publishDeltas(const QString &repoFolder, const QString &module, const QString &version, int count = 3,
                                  const QString &secretKeyFile = QString());
