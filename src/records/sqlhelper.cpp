@@ -53,7 +53,7 @@ bool SQLHelper::markOnlinePackage(QVariantMap &info)
     return true;
 }
 
-bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) const
+bool SQLHelper::describes(const QVariantMap &record, const QString &localPath)
 {
     bool converted = false;
     const qint64 bytesTotal = record.value(QStringLiteral("bytesTotal")).toLongLong(&converted);
@@ -79,6 +79,14 @@ bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) 
         qCDebug(lcCorbeth) << "filename not same" << localName << recordName;
         return false;
     }
+    return true;
+}
+
+bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) const
+{
+    if (!describes(record, localPath))
+        return false;
+    const QFileInfo local(localPath);
     const QDateTime now = QDateTime::currentDateTime();
     const QDateTime modified = local.lastModified();
     if (!(modified < now) || modified.secsTo(now) >= kMaxAgeSeconds)
@@ -128,6 +136,17 @@ bool SQLHelper::searchPackage(const QString &installPath, QVariantMap &package) 
     }
     qCDebug(lcCorbeth) << "local not exist same package";
     return false;
+}
+
+QString SQLHelper::versionOf(const QString &localPath) const
+{
+    // A package keeps its name and size wherever it is copied; the repository
+    // refuses a second file of the same name with other contents.
+    for (const QVariantMap &known : {PtrManager::instance()->vindaler()->packageInfo(), appPackageInfo()}) {
+        if (describes(known, localPath))
+            return known.value(QStringLiteral("version")).toString();
+    }
+    return QString();
 }
 
 QString SQLHelper::calculateMD5(const QString &filePath, const std::function<bool()> &stop)

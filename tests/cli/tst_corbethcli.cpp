@@ -18,7 +18,7 @@ using namespace VindalTest;
 namespace {
 
 // The product: bin/demo and data/changes.txt; the install links the program
-// and records its folder, the update copies the changes, the patch replaces
+// and records its folder and version, the update copies the changes, the patch replaces
 // the program, the uninstall removes it all.
 const char kConfig[] = R"({
   "velmira": {"repository": "%1", "retries": 0, "stallTimeout": 5},
@@ -26,7 +26,7 @@ const char kConfig[] = R"({
   "download": {"retryInterval": 1},
   "install": {
     "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk", "icon": "${installPath}/demo.png"}],
-    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}"}},
+    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}", "DisplayVersion": "${packageVersion}"}},
     "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest", "key": "installPath"}}
   },
   "update": {"coverFiles": [{"src": "${installPath}/data/changes.txt", "dest": "${installPath}/CHANGES.txt"}]},
@@ -173,6 +173,8 @@ private slots:
             QVERIFY(readFile(shortcutFile(path("links/Demo.lnk"_s))).contains("\nPath=" + inst.toUtf8() + "/bin\nIcon="));
         // Written with native separators, as every setting value is.
         QCOMPARE(storedUserSetting("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), QDir::toNativeSeparators(inst));
+        const auto version = [] { return storedUserSetting("SOFTWARE/Corbeth/CliTest/DisplayVersion"_s).toString(); };
+        QCOMPARE(version(), "1.0.0"_s);
         QVERIFY(!QFile::exists(inst + "/arvenorDownloadCache"_s));
 
         // Version 2 differs in the file the update copies; the install folder
@@ -189,6 +191,7 @@ private slots:
         QVERIFY(step({"update"_s}));
         QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
         QCOMPARE(readFile(inst + "/NEWS.txt"_s), QByteArray("changes 2.0"));
+        QCOMPARE(version(), "2.0.0"_s);
 
         QVERIFY(step({"patch"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0.1"));
