@@ -231,6 +231,17 @@ private slots:
         QVERIFY(QDir().mkpath(path("tampered"_s)));
         QVERIFY(QFile::exists(path("tampered/demo.tolmpkg"_s)) || QFile::copy(m_package, path("tampered/demo.tolmpkg"_s)));
         QVERIFY(writeFile(path("tampered/demo.tolmpkg.verify"_s), "0123456789abcdef0123456789abcdef"));
+        // A byte of the published package changed; a repository that delivered
+        // 2.0.0 before and now offers only 1.0.0.
+        QString altered, older;
+        const QString alteredConfig = configure("altered"_s, false, QString(), &altered);
+        QFile published(altered + "/modules/demo/demo.tolmpkg"_s);
+        QVERIFY(published.open(QIODevice::ReadWrite) && published.seek(1000) && published.write("X") == 1);
+        published.close();
+        const QString downgrade = configure("downgrade"_s, false, QString(), &older);
+        QVERIFY(PackTool::ok({"publish"_s, m_package, "--repo"_s, older, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s}));
+        QCOMPARE(corbeth({"download"_s, "--config"_s, downgrade, "--path"_s, path("delivered"_s)}).exitCode, 0);
+        QVERIFY(QDir(older).removeRecursively() && configure("downgrade"_s, false) == downgrade);
 
         QTest::newRow("unknown command") << QStringList{"instal"_s} << 2 << "instal"_s;
         QTest::newRow("no configuration given") << QStringList{"install"_s, "--path"_s, inst} << 2 << "--config"_s;
@@ -253,6 +264,11 @@ private slots:
         QTest::newRow("install folder cannot be made")
             << QStringList{"install"_s, "--config"_s, config, "--path"_s, config + "/inst"_s, "--package"_s, m_package}
             << 25 << "the target folder cannot be created"_s;
+        QTest::newRow("download folder cannot be made")
+            << QStringList{"download"_s, "--config"_s, config, "--path"_s, config + "/offline"_s} << 25
+            << "cannot create the folder"_s;
+        QTest::newRow("package altered in the repository") << install(alteredConfig) + QStringList{"--retry-rounds"_s, "1"_s} << 24 << "the index says"_s;
+        QTest::newRow("older than delivered before") << install(downgrade) << 28 << "older than 2.0.0"_s;
         QTest::newRow("no repository in it")
             << QStringList{"install"_s, "--config"_s, path("norepository.json"_s), "--path"_s, inst} << 20 << "EC_ConfigDataError"_s;
         QTest::newRow("unknown addition")
