@@ -343,11 +343,20 @@ private slots:
         QVERIFY(waitForPage(window, "errorPage"_s, 30000));
         QVERIFY(window.findChild<QLabel *>("errorText"_s)->text().contains("2 files it had already placed"_s));
         picture(window, "9-cancelled"_s);
-        // Remove them runs the product's uninstall steps on what is there.
+        // Remove them runs the product's uninstall steps on what is there,
+        // under a page that says so.
+        QString removing;
+        connect(window.findChild<QProgressBar *>("progressBar"_s), &QProgressBar::valueChanged, &window, [&](int v) {
+            if (v > 0 && removing.isEmpty()) {
+                removing = window.findChild<QLabel *>("pageTitle"_s)->text() + ": "_s + stage->text();
+                picture(window, "9-removing"_s);
+            }
+        });
         QTest::mouseClick(window.findChild<QPushButton *>("removePlacedButton"_s), Qt::LeftButton);
         QVERIFY(QTest::qWaitFor([&] { return window.findChild<QLabel *>("errorText"_s)->text().contains("removed"_s); },
                                 60000));
         QVERIFY(!QFileInfo::exists(folder + "/bin/demo"_s));
+        QCOMPARE(removing, "Removing: Removing\u2026"_s);
 
         // The network is back: the same window, the same manager, Retry.
         QCOMPARE(manager.setConfigPath(configFile(m_repository)), CBEnum::EC_NoError);
