@@ -169,8 +169,9 @@ private slots:
         QVERIFY(step({"install"_s, "--path"_s, inst, "--addition"_s, "samples"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
         QCOMPARE(shortcutTarget(path("links/Demo.lnk"_s)), inst + "/bin/demo"_s);
-        if (shortcutFile(path("links/Demo.lnk"_s)).endsWith(".desktop"_s)) // a launcher names the folder and the icon
-            QVERIFY(readFile(shortcutFile(path("links/Demo.lnk"_s))).contains("\nPath=" + inst.toUtf8() + "/bin\nIcon="));
+        QCOMPARE(shortcutIcon(path("links/Demo.lnk"_s)), inst + "/demo.png"_s);
+        if (shortcutFile(path("links/Demo.lnk"_s)).endsWith(".desktop"_s)) // a launcher names the folder
+            QVERIFY(readFile(shortcutFile(path("links/Demo.lnk"_s))).contains("\nPath=" + inst.toUtf8() + "/bin\n"));
         // Written with native separators, as every setting value is.
         QCOMPARE(storedUserSetting("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), QDir::toNativeSeparators(inst));
         const auto version = [] { return storedUserSetting("SOFTWARE/Corbeth/CliTest/DisplayVersion"_s).toString(); };

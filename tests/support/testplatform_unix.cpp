@@ -40,6 +40,13 @@ QString shortcutTarget(const QString &lnk)
     return QString::fromUtf8(launcher.mid(start, launcher.indexOf('"', start) - start));
 }
 
+QString shortcutIcon(const QString &lnk)
+{
+    const QByteArray launcher = readFile(shortcutFile(lnk));
+    const int icon = launcher.indexOf("\nIcon=");
+    return icon < 0 ? QString() : QString::fromUtf8(launcher.mid(icon + 6, launcher.indexOf('\n', icon + 1) - icon - 6));
+}
+
 bool processEnded(qint64 pid)
 {
     if (::kill(pid_t(pid), 0) != 0)
