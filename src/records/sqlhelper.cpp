@@ -122,6 +122,9 @@ bool SQLHelper::searchPackage(const QString &installPath, QVariantMap &package) 
     if (!record.isEmpty() && isSameFile(online, recordPath)) {
         qCDebug(lcCorbeth) << "sql package info" << record << recordPath;
         SKGlobal::instance()->mergeMap(record, online);
+        // The repository client's "path" is where it would download the
+        // package now; the file to install is the one the record found.
+        record.insert(QStringLiteral("path"), recordPath);
         package = record;
         return true;
     }
