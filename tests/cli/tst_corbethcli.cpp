@@ -265,9 +265,6 @@ private slots:
         QTest::newRow("install folder cannot be made")
             << QStringList{"install"_s, "--config"_s, config, "--path"_s, config + "/inst"_s, "--package"_s, m_package}
             << 25 << "the target folder cannot be created"_s;
-        QTest::newRow("download folder cannot be made")
-            << QStringList{"download"_s, "--config"_s, config, "--path"_s, config + "/offline"_s} << 25
-            << "cannot create the folder"_s;
         QTest::newRow("package altered in the repository") << install(alteredConfig) + QStringList{"--retry-rounds"_s, "1"_s} << 24 << "the index says"_s;
         QTest::newRow("older than delivered before") << install(downgrade) << 28 << "older than 2.0.0"_s;
         QTest::newRow("no repository in it")

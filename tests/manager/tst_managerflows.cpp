@@ -335,7 +335,7 @@ private slots:
         // from there at the first retry.
         Client reusing;
         const QString earlier = path("retry/earlier/demo.tolmpkg"_s);
-        QVERIFY(QDir().mkpath(path("retry/earlier"_s)) && QFile::copy(m_package, earlier));
+        QVERIFY(writeFile(earlier, readFile(m_package)));
         const QVariantMap record{{"path"_s, earlier}, {"bytesTotal"_s, QFileInfo(earlier).size()},
                                  {"file"_s, QVariantMap{{"name"_s, "demo.tolmpkg"_s}}}};
         storeUserSetting(kRecords, QVariantMap{{QCoreApplication::applicationName(), record}});

@@ -42,9 +42,7 @@ QString shortcutTarget(const QString &lnk)
 
 QString shortcutIcon(const QString &lnk)
 {
-    const QByteArray launcher = readFile(shortcutFile(lnk));
-    const int icon = launcher.indexOf("\nIcon=");
-    return icon < 0 ? QString() : QString::fromUtf8(launcher.mid(icon + 6, launcher.indexOf('\n', icon + 1) - icon - 6));
+    return QString::fromUtf8(readFile(shortcutFile(lnk))).section("\nIcon="_s, 1).section(QLatin1Char('\n'), 0, 0);
 }
 
 bool processEnded(qint64 pid)
