@@ -113,7 +113,10 @@ class tst_CorbethCli : public QObject
     // (for repository when given).
     QString configure(const QString &name, bool served, const QString &repository = QString(), QString *repo = nullptr)
     {
-        const QString folder = served ? m_nginx.www + "/cli-%1-%2"_s.arg(QCoreApplication::applicationPid()).arg(++m_repos)
+        // Named after this run's work folder: nginx's folder outlives runs, and
+        // Wine gives each run the same process ids.
+        const QString run = QFileInfo(m_work.path()).fileName().section(QLatin1Char(' '), -1);
+        const QString folder = served ? m_nginx.www + "/cli-%1-%2"_s.arg(run).arg(++m_repos)
                                       : path("repo-"_s + name);
         if (!PackTool::ok({"publish"_s, m_package, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "1.0.0"_s}))
             return QString();
