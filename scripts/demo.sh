@@ -97,6 +97,7 @@ step "corbeth update (the install folder is found in the settings store)"
 "$corbeth" update --config "$work/corbeth.json"
 check "the program runs: $("$inst/bin/corbeth-demo")" '[[ $("$inst/bin/corbeth-demo") == "Corbeth demo 2.0.0" ]]'
 check "NEWS.txt is in place, the update/ folder removed" '[[ -f $inst/NEWS.txt && ! -e $inst/update ]]'
+check "the uninstall entry shows the version unpacked" '[[ $(setting HKEY_LOCAL_MACHINE "$entry" DisplayVersion) == 2.0.0 ]]'
 
 step "corbeth patch (a hot fix dropped into the install's patch/ folder)"
 mkdir -p "$inst/patch"

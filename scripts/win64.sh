@@ -74,12 +74,57 @@ if [ ! -e "$build/wineprefix/.corbeth-ready" ]; then
     touch "$build/wineprefix/.corbeth-ready"
 fi
 
+# The zip a product maker unpacks (scripts/package-win64.sh), alone in a fresh
+# Wine prefix with nothing else on the path: the demo product (examples/demo)
+# packed and published to a file:// repository with its corbeth-pack.exe,
+# installed and uninstalled with its corbeth.exe; files, shortcut and
+# uninstall entry checked after each. Paths go to Windows as Z: (Wine's root).
+zipcheck() {
+    local work=$build/zipcheck entry='HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Uninstall\CorbethDemo'
+    rm -rf "$work" && mkdir -p "$work/home"
+    scripts/package-win64.sh "$work" >/dev/null
+    (cd "$work" && cmake -E tar xf corbeth-*-win64.zip)
+    local bin
+    bin=$(ls -d "$work"/corbeth-*-win64/bin)
+    zwine() {
+        env -u WINEPATH -u QT_PLUGIN_PATH HOME="$work/home" WINEPREFIX="$work/prefix" WINEDEBUG=-all \
+            WINEDLLOVERRIDES="mscoree,mshtml=" "$wine" "$@"
+    }
+    # (run with set -e: a failed check ends the function)
+    fail() { echo "win64: zip check failed: $*" >&2; return 1; }
+    zwine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1
+    cp -r examples/demo/product "$work/stage"
+    sed "s|@REPOSITORY@|file:///Z:$work/repo|" examples/demo/corbeth.json >"$work/stage/corbeth.json"
+    zwine "$bin/corbeth-pack.exe" create "Z:$work/stage" -o "Z:$work/demo.tolmpkg" >/dev/null
+    zwine "$bin/corbeth-pack.exe" publish "Z:$work/demo.tolmpkg" --repo "Z:$work/repo" --module corbeth-demo \
+        --version 1.0.0 >/dev/null
+    zwine "$bin/corbeth.exe" install --config "Z:$work/stage/corbeth.json" --path "Z:$work/inst" >/dev/null \
+        || fail "corbeth.exe install"
+    [ -f "$work/inst/share/README.txt" ] || fail "no README.txt installed"
+    local lnk
+    lnk=$(find "$work/prefix/drive_c/users" "$work/home" -name 'Corbeth Demo.lnk' 2>/dev/null | head -1)
+    [ -n "$lnk" ] || fail "no shortcut Corbeth Demo.lnk"
+    zwine reg query "$entry" /v DisplayVersion 2>/dev/null | grep -q '1\.0\.0' || fail "no uninstall entry for 1.0.0"
+    zwine "$bin/corbeth.exe" uninstall --config "Z:$work/inst/corbeth.json" >/dev/null || fail "corbeth.exe uninstall"
+    # The cleanup tool removes the folder a moment after the uninstall ends.
+    for _ in $(seq 60); do [ -e "$work/inst" ] && sleep 0.5; done
+    [ ! -e "$work/inst" ] || fail "the install folder is left"
+    [ ! -e "$lnk" ] || fail "the shortcut is left"
+    ! zwine reg query "$entry" >/dev/null 2>&1 || fail "the uninstall entry is left"
+    WINEPREFIX="$work/prefix" "$wineserver" -k || true
+    rm -rf "$work"
+    echo "win64: the zip installs and uninstalls the demo product in a fresh Wine prefix"
+}
+
 # Each Qt Test program prints its Totals line; the counts are added up.
 log=$build/ctest.log
 set +e
 ctest --test-dir "$build" --output-on-failure -V -j"$(nproc)" "$@" >"$log" 2>&1
 rc=$?
+(set -e; zipcheck)
+zrc=$?
 set -e
+[ $rc -ne 0 ] || rc=$zrc
 # Ends what the tests left running in the prefix (Wine's own services too).
 WINEPREFIX="$build/wineprefix" "$wineserver" -k || true
 grep -E '^[0-9]+: Totals:|tests passed|Total Test time' "$log" | sed 's/^[0-9]*: //' || true

@@ -362,6 +362,7 @@ QVector<QPair<QString, QString>> Installer::pathVariables() const
         {QStringLiteral("${desktop}"), m_desktop},
         {QStringLiteral("${TolmInstallerPath}"), QCoreApplication::applicationDirPath()},
         {QStringLiteral("${appDataPath}"), m_appDataPath},
+        {QStringLiteral("${packageVersion}"), m_packageVersion},
     };
     for (auto it = m_customTags.cbegin(); it != m_customTags.cend(); ++it)
         variables.append({QLatin1String("${") + it.key() + QLatin1Char('}'), it.value()});

@@ -67,6 +67,9 @@ public:
 
     void setInstallPath(const QString &path);
     QString installPath() const { return m_installPath; }
+    // "${packageVersion}": the version of the package unpacked last, empty
+    // when nothing tells it.
+    void setPackageVersion(const QString &version) { m_packageVersion = version; }
     void setOlderInstallPath(const QString &path);
     QString olderSoftwarePath() const;
     void setForceInstall(bool force) { m_forceInstall = force; }
@@ -194,6 +197,7 @@ private:
     void setCurrentSet(const InstallInfoSet &set);
 
     QString m_installPath;
+    QString m_packageVersion;
     InstallInfoPtr m_installInfo;
     InstallInfoPtr m_uninstallInfo;
     InstallInfoPtr m_updatePatchInfo;

@@ -405,6 +405,9 @@ void ManagerPrivate::onPrepareJobFinished()
 void ManagerPrivate::startUnpack(const QString &file, const QString &folder)
 {
     setTaskStatus(CBEnum::TS_Uncompressing);
+    const QString version = m_sqlHelper.versionOf(file);
+    qCInfo(lcCorbeth) << "package version" << version << file;
+    m_installer->setPackageVersion(version);
     auto *reply = new Vindal::Reply;
     qCDebug(lcCorbeth) << "check";
     m_unpackReply = reply;

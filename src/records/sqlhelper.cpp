@@ -53,7 +53,7 @@ bool SQLHelper::markOnlinePackage(QVariantMap &info)
     return true;
 }
 
-bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) const
+bool SQLHelper::describes(const QVariantMap &record, const QString &localPath)
 {
     bool converted = false;
     const qint64 bytesTotal = record.value(QStringLiteral("bytesTotal")).toLongLong(&converted);
@@ -79,6 +79,14 @@ bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) 
         qCDebug(lcCorbeth) << "filename not same" << localName << recordName;
         return false;
     }
+    return true;
+}
+
+bool SQLHelper::isSameFile(const QVariantMap &record, const QString &localPath) const
+{
+    if (!describes(record, localPath))
+        return false;
+    const QFileInfo local(localPath);
     const QDateTime now = QDateTime::currentDateTime();
     const QDateTime modified = local.lastModified();
     if (!(modified < now) || modified.secsTo(now) >= kMaxAgeSeconds)
@@ -114,6 +122,9 @@ bool SQLHelper::searchPackage(const QString &installPath, QVariantMap &package) 
     if (!record.isEmpty() && isSameFile(online, recordPath)) {
         qCDebug(lcCorbeth) << "sql package info" << record << recordPath;
         SKGlobal::instance()->mergeMap(record, online);
+        // The repository client's "path" is where it would download the
+        // package now; the file to install is the one the record found.
+        record.insert(QStringLiteral("path"), recordPath);
         package = record;
         return true;
     }
@@ -128,6 +139,17 @@ bool SQLHelper::searchPackage(const QString &installPath, QVariantMap &package) 
     }
     qCDebug(lcCorbeth) << "local not exist same package";
     return false;
+}
+
+QString SQLHelper::versionOf(const QString &localPath) const
+{
+    // A package keeps its name and size wherever it is copied; the repository
+    // refuses a second file of the same name with other contents.
+    for (const QVariantMap &known : {PtrManager::instance()->vindaler()->packageInfo(), appPackageInfo()}) {
+        if (describes(known, localPath))
+            return known.value(QStringLiteral("version")).toString();
+    }
+    return QString();
 }
 
 QString SQLHelper::calculateMD5(const QString &filePath, const std::function<bool()> &stop)

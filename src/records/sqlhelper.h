@@ -28,8 +28,13 @@ public:
     bool markOnlinePackage(QVariantMap &info);
 
     // Whether localPath is the package the record describes: same size, same
-    // name up to a "(n)" a copy gets, less than three days old.
+    // name up to a "(n)" a copy gets.
+    static bool describes(const QVariantMap &record, const QString &localPath);
+    // describes(), and the file is less than three days old: worth reusing.
     bool isSameFile(const QVariantMap &record, const QString &localPath) const;
+    // The version of the package file localPath as the repository client's
+    // latest answer or the records know it; empty when neither describes it.
+    QString versionOf(const QString &localPath) const;
     bool findLocalPackage(const QString &folder, const QVariantMap &record, QString &found) const;
     // A package file on disk for the package the module service announces.
     bool searchPackage(const QString &installPath, QVariantMap &package) const;

@@ -18,7 +18,7 @@ using namespace VindalTest;
 namespace {
 
 // The product: bin/demo and data/changes.txt; the install links the program
-// and records its folder, the update copies the changes, the patch replaces
+// and records its folder and version, the update copies the changes, the patch replaces
 // the program, the uninstall removes it all.
 const char kConfig[] = R"({
   "velmira": {"repository": "%1", "retries": 0, "stallTimeout": 5},
@@ -26,7 +26,7 @@ const char kConfig[] = R"({
   "download": {"retryInterval": 1},
   "install": {
     "links": [{"src": "${installPath}/bin/demo", "dest": "%2/links/Demo.lnk", "icon": "${installPath}/demo.png"}],
-    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}"}},
+    "settings": {"HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest": {"installPath": "${installPath}", "DisplayVersion": "${packageVersion}"}},
     "olderSoftwareInfo": {"getOlderInstallPath": {"settingPath": "HKEY_CURRENT_USER\\SOFTWARE\\Corbeth\\CliTest", "key": "installPath"}}
   },
   "update": {"coverFiles": [{"src": "${installPath}/data/changes.txt", "dest": "${installPath}/CHANGES.txt"}]},
@@ -113,7 +113,10 @@ class tst_CorbethCli : public QObject
     // (for repository when given).
     QString configure(const QString &name, bool served, const QString &repository = QString(), QString *repo = nullptr)
     {
-        const QString folder = served ? m_nginx.www + "/cli-%1-%2"_s.arg(QCoreApplication::applicationPid()).arg(++m_repos)
+        // Named after this run's work folder: nginx's folder outlives runs, and
+        // Wine gives each run the same process ids.
+        const QString run = QFileInfo(m_work.path()).fileName().section(QLatin1Char(' '), -1);
+        const QString folder = served ? m_nginx.www + "/cli-%1-%2"_s.arg(run).arg(++m_repos)
                                       : path("repo-"_s + name);
         if (!PackTool::ok({"publish"_s, m_package, "--repo"_s, folder, "--module"_s, "demo"_s, "--version"_s, "1.0.0"_s}))
             return QString();
@@ -169,10 +172,13 @@ private slots:
         QVERIFY(step({"install"_s, "--path"_s, inst, "--addition"_s, "samples"_s}));
         QCOMPARE(readFile(inst + "/bin/demo"_s), QByteArray("demo 1.0"));
         QCOMPARE(shortcutTarget(path("links/Demo.lnk"_s)), inst + "/bin/demo"_s);
-        if (shortcutFile(path("links/Demo.lnk"_s)).endsWith(".desktop"_s)) // a launcher names the folder and the icon
-            QVERIFY(readFile(shortcutFile(path("links/Demo.lnk"_s))).contains("\nPath=" + inst.toUtf8() + "/bin\nIcon="));
+        QCOMPARE(shortcutIcon(path("links/Demo.lnk"_s)), inst + "/demo.png"_s);
+        if (shortcutFile(path("links/Demo.lnk"_s)).endsWith(".desktop"_s)) // a launcher names the folder
+            QVERIFY(readFile(shortcutFile(path("links/Demo.lnk"_s))).contains("\nPath=" + inst.toUtf8() + "/bin\n"));
         // Written with native separators, as every setting value is.
         QCOMPARE(storedUserSetting("SOFTWARE/Corbeth/CliTest/installPath"_s).toString(), QDir::toNativeSeparators(inst));
+        const auto version = [] { return storedUserSetting("SOFTWARE/Corbeth/CliTest/DisplayVersion"_s).toString(); };
+        QCOMPARE(version(), "1.0.0"_s);
         QVERIFY(!QFile::exists(inst + "/arvenorDownloadCache"_s));
 
         // Version 2 differs in the file the update copies; the install folder
@@ -197,6 +203,7 @@ private slots:
         QVERIFY(step({"update"_s}));
         QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
         QCOMPARE(readFile(inst + "/NEWS.txt"_s), QByteArray("changes 2.0"));
+        QCOMPARE(version(), "2.0.0"_s);
         // Up to date: the check says 0, and an update changes nothing.
         QCOMPARE(check().exitCode, 0);
         QVERIFY(writeFile(inst + "/CHANGES.txt"_s, "kept"));
@@ -242,6 +249,17 @@ private slots:
         QVERIFY(QDir().mkpath(path("tampered"_s)));
         QVERIFY(QFile::exists(path("tampered/demo.tolmpkg"_s)) || QFile::copy(m_package, path("tampered/demo.tolmpkg"_s)));
         QVERIFY(writeFile(path("tampered/demo.tolmpkg.verify"_s), "0123456789abcdef0123456789abcdef"));
+        // A byte of the published package changed; a repository that delivered
+        // 2.0.0 before and now offers only 1.0.0.
+        QString altered, older;
+        const QString alteredConfig = configure("altered"_s, false, QString(), &altered);
+        QFile published(altered + "/modules/demo/demo.tolmpkg"_s);
+        QVERIFY(published.open(QIODevice::ReadWrite) && published.seek(1000) && published.write("X") == 1);
+        published.close();
+        const QString downgrade = configure("downgrade"_s, false, QString(), &older);
+        QVERIFY(PackTool::ok({"publish"_s, m_package, "--repo"_s, older, "--module"_s, "demo"_s, "--version"_s, "2.0.0"_s}));
+        QCOMPARE(corbeth({"download"_s, "--config"_s, downgrade, "--path"_s, path("delivered"_s)}).exitCode, 0);
+        QVERIFY(QDir(older).removeRecursively() && configure("downgrade"_s, false) == downgrade);
 
         QTest::newRow("unknown command") << QStringList{"instal"_s} << 2 << "instal"_s;
         QTest::newRow("no configuration given") << QStringList{"install"_s, "--path"_s, inst} << 2 << "--config"_s;
@@ -264,6 +282,8 @@ private slots:
         QTest::newRow("install folder cannot be made")
             << QStringList{"install"_s, "--config"_s, config, "--path"_s, config + "/inst"_s, "--package"_s, m_package}
             << 25 << "the target folder cannot be created"_s;
+        QTest::newRow("package altered in the repository") << install(alteredConfig) + QStringList{"--retry-rounds"_s, "1"_s} << 24 << "the index says"_s;
+        QTest::newRow("older than delivered before") << install(downgrade) << 28 << "older than 2.0.0"_s;
         QTest::newRow("no repository in it")
             << QStringList{"install"_s, "--config"_s, path("norepository.json"_s), "--path"_s, inst} << 20 << "EC_ConfigDataError"_s;
         QTest::newRow("unknown addition")

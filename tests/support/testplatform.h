@@ -20,6 +20,8 @@ void storeUserSetting(const QString &key, const QVariant &value);
 QString shortcutFile(const QString &lnk);
 // The program that shortcut starts; empty when there is none.
 QString shortcutTarget(const QString &lnk);
+// The icon file it shows; empty when it names none.
+QString shortcutIcon(const QString &lnk);
 
 // The process has ended (on Unix also: a zombie nobody reaps).
 bool processEnded(qint64 pid);

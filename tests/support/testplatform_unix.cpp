@@ -40,6 +40,11 @@ QString shortcutTarget(const QString &lnk)
     return QString::fromUtf8(launcher.mid(start, launcher.indexOf('"', start) - start));
 }
 
+QString shortcutIcon(const QString &lnk)
+{
+    return QString::fromUtf8(readFile(shortcutFile(lnk))).section("\nIcon="_s, 1).section(QLatin1Char('\n'), 0, 0);
+}
+
 bool processEnded(qint64 pid)
 {
     if (::kill(pid_t(pid), 0) != 0)

@@ -1,5 +1,7 @@
 #include "testplatform.h"
 
+#include "platform/shelllink_win.h"
+
 #include <QtCore/QFileInfo>
 #include <QtCore/QSettings>
 
@@ -23,6 +25,11 @@ QString shortcutFile(const QString &lnk)
 QString shortcutTarget(const QString &lnk)
 {
     return QFileInfo(lnk).symLinkTarget();
+}
+
+QString shortcutIcon(const QString &lnk)
+{
+    return Corbeth::ShellLink(lnk, STGM_READ).icon();
 }
 
 bool processEnded(qint64 pid)

@@ -134,6 +134,7 @@ SetupWindow::SetupWindow(Manager *manager, const ProductInfo &product, const Set
     header->setBackgroundRole(QPalette::Base);
     auto *headerLayout = new QVBoxLayout(header);
     m_title = new QLabel(header);
+    m_title->setObjectName(QStringLiteral("pageTitle"));
     QFont big = m_title->font();
     big.setPointSizeF(big.pointSizeF() * 1.4);
     big.setBold(true);
@@ -348,10 +349,10 @@ void SetupWindow::buildComponents()
 
 void SetupWindow::buildProgress()
 {
-    const QString title = m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling")
-        : m_options.mode == SetupOptions::Update                    ? tr("Updating")
-                                                                    : tr("Installing");
-    m_progressPage = addPage(QStringLiteral("progressPage"), title);
+    m_workTitle = m_options.mode == SetupOptions::Uninstall ? tr("Uninstalling")
+        : m_options.mode == SetupOptions::Update            ? tr("Updating")
+                                                            : tr("Installing");
+    m_progressPage = addPage(QStringLiteral("progressPage"), m_workTitle);
     auto *layout = static_cast<QVBoxLayout *>(m_progressPage->layout());
     m_stage = wrapped(tr("Preparing\u2026"), m_progressPage);
     m_stage->setObjectName(QStringLiteral("stageLabel"));
@@ -410,8 +411,8 @@ void SetupWindow::buildError()
     m_removePlaced->hide();
     connect(m_removePlaced, &QPushButton::clicked, this, [this] {
         m_undoing = true;
-        showPage(m_progressPage);
-        m_bar->setValue(0);
+        // The page says what runs now: the removal, not the cancelled install.
+        showProgress(tr("Removing"), tr("Removing what setup placed\u2026"));
         m_task.start(SetupTask::Uninstall, installFolder(), QString());
     });
     row->addWidget(m_retry);
@@ -420,10 +421,7 @@ void SetupWindow::buildError()
     row->addStretch(1);
     layout->addLayout(row);
     layout->addStretch(1);
-    connect(m_retry, &QPushButton::clicked, this, [this] {
-        showPage(m_progressPage);
-        startTask();
-    });
+    connect(m_retry, &QPushButton::clicked, this, &SetupWindow::startTask);
     connect(m_saveLog, &QPushButton::clicked, this, &SetupWindow::saveLog);
 }
 
@@ -492,9 +490,10 @@ void SetupWindow::next()
     if (index < 0 || index + 1 >= m_flow.size())
         return;
     QWidget *following = m_flow.at(index + 1);
-    showPage(following);
     if (following == m_progressPage)
         startTask();
+    else
+        showPage(following);
 }
 
 void SetupWindow::back()
@@ -586,10 +585,7 @@ bool SetupWindow::checkFolder()
 void SetupWindow::startTask()
 {
     m_lastError = CBEnum::EC_NoError;
-    m_bar->setValue(0);
-    m_stage->setText(tr("Preparing\u2026"));
-    m_transfer->clear();
-    updateButtons();
+    showProgress(m_workTitle, tr("Preparing\u2026"));
     SetupTask::Kind kind = SetupTask::Install;
     if (m_options.mode == SetupOptions::Uninstall)
         kind = SetupTask::Uninstall;
@@ -604,6 +600,15 @@ void SetupWindow::startTask()
     }
     const QString path = kind == SetupTask::Install || !m_options.path.isEmpty() ? installFolder() : QString();
     m_task.start(kind, path, m_package);
+}
+
+void SetupWindow::showProgress(const QString &title, const QString &stage)
+{
+    m_progressPage->setProperty("pageTitle", title);
+    m_bar->setValue(0);
+    m_stage->setText(stage);
+    m_transfer->clear();
+    showPage(m_progressPage);
 }
 
 void SetupWindow::showCancelled()

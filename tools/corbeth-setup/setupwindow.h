@@ -65,6 +65,8 @@ private:
     bool checkFolder();
     void updateSpace();
     void startTask();
+    // The progress page, fresh, under the title of the work that now runs.
+    void showProgress(const QString &title, const QString &stage);
     void saveLog();
     void finishAndClose();
 
@@ -93,6 +95,7 @@ private:
     QWidget *m_componentsPage = nullptr;
     QList<QCheckBox *> m_additions;
     QWidget *m_progressPage = nullptr;
+    QString m_workTitle; // what the progress page is called while the chosen task runs
     QLabel *m_stage = nullptr;
     QProgressBar *m_bar = nullptr;
     QLabel *m_transfer = nullptr;
