@@ -145,11 +145,16 @@ QString SQLHelper::versionOf(const QString &localPath) const
 {
     // A package keeps its name and size wherever it is copied; the repository
     // refuses a second file of the same name with other contents.
-    for (const QVariantMap &known : {PtrManager::instance()->vindaler()->packageInfo(), appPackageInfo()}) {
+    const QVariantMap latest = PtrManager::instance()->vindaler()->packageInfo();
+    for (const QVariantMap &known : {latest, appPackageInfo()}) {
         if (describes(known, localPath))
             return known.value(QStringLiteral("version")).toString();
     }
-    return QString();
+    // A delta makes the version it leads to.
+    const QVariantMap delta = latest.value(QStringLiteral("delta")).toMap();
+    const QVariantMap deltaFile{{QStringLiteral("bytesTotal"), delta.value(QStringLiteral("size"))},
+                                {QStringLiteral("file"), QVariantMap{{QStringLiteral("name"), delta.value(QStringLiteral("file"))}}}};
+    return !delta.isEmpty() && describes(deltaFile, localPath) ? delta.value(QStringLiteral("to")).toString() : QString();
 }
 
 QString SQLHelper::calculateMD5(const QString &filePath, const std::function<bool()> &stop)

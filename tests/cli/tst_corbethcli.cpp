@@ -159,8 +159,10 @@ private slots:
         const QString config = configure(name, served, QString(), &folder);
         QVERIFY(!config.isEmpty());
         const QString inst = path(name + "/inst"_s);
+        QByteArray said; // the last step's events
         const auto step = [&](const QStringList &arguments) {
             const Run run = corbeth(arguments + QStringList{"--config"_s, config, "--json"_s});
+            said = run.out;
             QString why;
             const bool sound = run.exitCode == 0 && eventsAreSound(run.out, 0, why);
             why += QString::fromUtf8(run.out);
@@ -201,6 +203,8 @@ private slots:
         QCOMPARE(offered.exitCode, 100);
         QVERIFY2(offered.out.startsWith("2.0.0 is available") && offered.out.contains("installed: 1.0.0"), offered.out.constData());
         QVERIFY(step({"update"_s}));
+        // Publishing made a delta from 1.0.0, which the update took.
+        QVERIFY2(said.contains("\"bytesSaved\":") && !said.contains("\"bytesSaved\":-"), said.constData());
         QCOMPARE(readFile(inst + "/CHANGES.txt"_s), QByteArray("changes 2.0"));
         QCOMPARE(readFile(inst + "/NEWS.txt"_s), QByteArray("changes 2.0"));
         QCOMPARE(version(), "2.0.0"_s);

@@ -83,6 +83,7 @@ QVariantMap DeltaRef::describe(QVariantMap info, const IndexEntry &full, const D
 {
     info.insert(QStringLiteral("delta"), QVariantMap{{QStringLiteral("from"), delta.from},
                                                      {QStringLiteral("to"), full.version},
+                                                     {QStringLiteral("file"), delta.package.file},
                                                      {QStringLiteral("size"), delta.package.size},
                                                      {QStringLiteral("fullSize"), full.size},
                                                      {QStringLiteral("bytesSaved"), full.size - delta.package.size},

@@ -26,7 +26,7 @@ struct DeltaRef
     // than the full package.
     static bool pick(const IndexEntry &entry, const QString &installed, DeltaRef *delta);
     // The download's description of the delta (from describing it as a
-    // package) with "delta": from, to, size, fullSize, bytesSaved and the
+    // package) with "delta": from, to, file, size, fullSize, bytesSaved and the
     // full package's file, size and SHA-256, which a fall-back fetches.
     static QVariantMap describe(QVariantMap info, const IndexEntry &full, const DeltaRef &delta);
     // The file name publishing gives the delta between two versions.
