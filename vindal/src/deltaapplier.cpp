@@ -263,10 +263,13 @@ Outcome DeltaApplier::run(const ProgressCallback &progress)
     Outcome outcome = ArchiveExtractor(m_delta, payload, m_limits).run([&](qint64 done, qint64 total) {
         return report(0.3 * double(done) / double(qMax<qint64>(1, total)));
     });
-    QFile manifestFile(payload + QLatin1Char('/') + QLatin1String(DeltaManifest::ManifestName));
-    QString error;
-    if (outcome && (!manifestFile.open(QIODevice::ReadOnly) || !m_manifest.parse(manifestFile.read(DeltaManifest::MaxBytes + 1), &error)))
-        outcome = refused(error.isEmpty() ? QStringLiteral("no manifest") : error, m_delta);
+    if (outcome) {
+        // Closed before the work folder goes: Windows removes no open file.
+        QFile manifestFile(payload + QLatin1Char('/') + QLatin1String(DeltaManifest::ManifestName));
+        QString error;
+        if (!manifestFile.open(QIODevice::ReadOnly) || !m_manifest.parse(manifestFile.read(DeltaManifest::MaxBytes + 1), &error))
+            outcome = refused(error.isEmpty() ? QStringLiteral("no manifest") : error, m_delta);
+    }
     if (outcome && !m_expectSha256.isEmpty()
         && (m_manifest.module != m_expectModule || m_manifest.to != m_expectVersion || m_manifest.packageSha256 != m_expectSha256)) {
         outcome = refused(QStringLiteral("it makes %1 %2 (package %3), not %4 %5 (package %6)")
