@@ -1,6 +1,7 @@
 #include "binarypatch_p.h"
 
 #include "digest_p.h"
+#include "streamhasher_p.h"
 #include "suffixdiff_p.h"
 
 #include <QtCore/QFile>
@@ -9,8 +10,11 @@
 
 #include <zstd.h>
 
+#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
+#include <mutex>
 
 namespace Vindal {
 
@@ -66,6 +70,8 @@ constexpr qint64 DiffLimit = 64 << 20;
 // both together stay under this.
 constexpr qint64 ZstdPrefixLimit = 40 << 20;
 constexpr int ZstdLevel = 19;
+// What applying holds of the new file, waiting to be hashed.
+constexpr qint64 HashQueue = 8 << 20;
 
 QByteArray sha256Of(const QByteArray &data)
 {
@@ -224,7 +230,7 @@ bool BinaryPatch::make(const QString &oldFile, const QString &newFile, QIODevice
     return false;
 }
 
-bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error)
+bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error, QString *sha256)
 {
     Header header;
     QByteArray bytes(HeaderSize, Qt::Uninitialized);
@@ -241,13 +247,29 @@ bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out
         *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
         return false;
     }
-    Digest digest(Digest::Sha256);
+    // The new file's SHA-256 is worked out on a thread of its own, beside
+    // the patching; it would otherwise take as long as all the rest.
+    std::mutex mutex;
+    std::condition_variable roomAgain;
+    bool room = true;
+    StreamHasher hasher(HashQueue, [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        room = true;
+        roomAgain.notify_all();
+    });
     quint64 written = 0;
     error->clear();
     const auto write = [&](const char *data, qint64 size) {
         if ((written += quint64(size)) > header.newSize)
             return false;
-        digest.add(data, size);
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            room = false;
+        }
+        if (!hasher.add(QByteArray(data, int(size)))) {
+            std::unique_lock<std::mutex> lock(mutex);
+            roomAgain.wait(lock, [&] { return room; });
+        }
         if (out->write(data, size) == size)
             return true;
         *error = QStringLiteral("cannot write the patched file: %1").arg(out->errorString());
@@ -270,10 +292,15 @@ bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out
             *error = QStringLiteral("the patch is damaged");
         return false;
     }
-    if (QByteArray::fromHex(digest.hex().toLatin1()) != header.sha256) {
+    std::promise<QString> hashed;
+    hasher.whenHashed([&](const QString &hex) { hashed.set_value(hex); });
+    const QString hex = hashed.get_future().get();
+    if (QByteArray::fromHex(hex.toLatin1()) != header.sha256) {
         *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
         return false;
     }
+    if (sha256)
+        *sha256 = hex;
     return true;
 }
 

@@ -25,7 +25,10 @@ public:
                      QString *error, Codec codec = Smallest);
     // Writes to out the file that patch makes of oldFile. False, with error
     // set, when the patch is damaged or does not fit oldFile, or out fails.
-    static bool apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error);
+    // The result is checked against the SHA-256 the patch names, which goes
+    // to *sha256 (lower-case hex), so the caller need not hash it again.
+    static bool apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error,
+                      QString *sha256 = nullptr);
     static qint64 maxDiffSize();
     static qint64 maxZstdSize();
 
