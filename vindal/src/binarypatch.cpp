@@ -71,7 +71,7 @@ constexpr qint64 DiffLimit = 64 << 20;
 constexpr qint64 ZstdPrefixLimit = 40 << 20;
 constexpr int ZstdLevel = 19;
 // What applying holds of the new file, waiting to be hashed.
-constexpr qint64 HashQueue = 8 << 20;
+constexpr qint64 HashQueue = 4 << 20;
 
 QByteArray sha256Of(const QByteArray &data)
 {

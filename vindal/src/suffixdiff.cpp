@@ -35,7 +35,7 @@ constexpr qint64 Piece = 1 << 20;
 constexpr qint64 ControlPiece = 64 << 10;
 // What applying accepts, whoever made the patch.
 constexpr quint32 MaxRaw[StreamCount] = {1 << 20, 3 * Piece, 3 * Piece};
-constexpr int WindowLog = 23; // per stream; the most applying allocates
+constexpr int WindowLog = 21; // per stream; the most applying allocates
 constexpr int Level = 19;
 
 struct ZstdFree
