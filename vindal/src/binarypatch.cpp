@@ -58,13 +58,15 @@ struct Header
         newSize = qFromLittleEndian<quint64>(p + 16);
         sha256 = in.mid(24, 32);
         const quint64 limit = quint64(BinaryPatch::maxDiffSize());
-        return (codec == BinaryPatch::Suffix && oldSize <= limit && newSize <= limit)
+        if (oldSize > limit || newSize > limit) // (and their sum cannot wrap)
+            return false;
+        return codec == BinaryPatch::Suffix
             || (codec == BinaryPatch::ZstdPrefix && oldSize + newSize <= quint64(BinaryPatch::maxZstdSize()));
     }
 };
 
-// Making holds both files, and the suffix array: about seven times the
-// larger file at the peak. Applying holds neither.
+// Making holds both files, the suffix array and the streams: about eight
+// times the larger file at the peak. Applying holds neither.
 constexpr qint64 DiffLimit = 64 << 20;
 // The zstd codec holds the old file whole while it applies (the new file's
 // matches reach back into it), and its window covers the old and the new:
@@ -151,8 +153,7 @@ bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice 
     bool first = true;
     size_t pending = 1;
     while (pending != 0) {
-        // Up to the frame's end, so that nothing after it is taken.
-        const qint64 n = BinaryPatch::readFull(patch, in.data(), first ? in.size() : qint64(qMin(pending, size_t(in.size()))));
+        const qint64 n = BinaryPatch::readFull(patch, in.data(), in.size());
         if (n <= 0)
             return false;
         // A frame that does not announce the new file's size could make the

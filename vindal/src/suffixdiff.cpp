@@ -316,7 +316,7 @@ bool SuffixDiff::apply(QFile *oldFile, QIODevice *patch, qint64 newSize,
                 || oldPosition < 0 || oldPosition > oldSize || copy > quint64(oldSize - oldPosition))
                 return false;
             scratch.resize(int(copy));
-            if (!oldFile->seek(oldPosition) || oldFile->read(scratch.data(), qint64(copy)) != qint64(copy))
+            if (copy && (!oldFile->seek(oldPosition) || oldFile->read(scratch.data(), qint64(copy)) != qint64(copy)))
                 return false;
             addBytes(scratch.data(), raw[Diff].constData() + diffAt, int(copy));
             if (!write(scratch.constData(), qint64(copy)) || !write(raw[Extra].constData() + extraAt, qint64(extra)))
