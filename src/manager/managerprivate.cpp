@@ -291,7 +291,10 @@ CBEnum::ErrorCode ManagerPrivate::requestPlugin(const QString &name, const QVari
 qint64 ManagerPrivate::packageSize() const
 {
     const QVariantMap info = m_vindaler->packageInfo();
-    const QVariant size = info.value(QStringLiteral("bytesTotal"), info.value(QStringLiteral("size")));
+    // A delta update downloads the delta, not the package it describes.
+    const QVariantMap delta = info.value(QStringLiteral("delta")).toMap();
+    const QVariant size = delta.isEmpty() ? info.value(QStringLiteral("bytesTotal"), info.value(QStringLiteral("size")))
+                                          : delta.value(QStringLiteral("size"));
     return size.toLongLong();
 }
 

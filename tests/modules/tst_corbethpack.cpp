@@ -214,6 +214,13 @@ private slots:
                            "--model-code"_s, "c"_s}
             << 2 << "exactly one of"_s;
         QTest::newRow("unknown option") << QStringList{"keygen"_s, "k"_s, "--force"_s} << 2 << "Unknown option"_s;
+        QTest::newRow("publish, deltas in words") << QStringList{"publish"_s, "p"_s, "--repo"_s, "r"_s, "--version"_s, "1"_s,
+                                                                 "--module"_s, "m"_s, "--deltas"_s, "all"_s}
+                                                  << 2 << "--deltas takes"_s;
+        QTest::newRow("deltas, no such command") << QStringList{"deltas"_s, "drop"_s, "--repo"_s, "r"_s, "--module"_s, "m"_s} << 2
+                                                 << "expects list, or prune"_s;
+        QTest::newRow("deltas, no index") << QStringList{"deltas"_s, "list"_s, "--repo"_s, "#/repo"_s, "--module"_s, "app"_s} << 1
+                                          << "app has no index in"_s;
     }
 
     void failures()

@@ -5,6 +5,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
 #include <QtCore/QFileInfo>
+#include <QtCore/QLocale>
 #include <QtCore/QTimer>
 
 #include <algorithm>
@@ -266,6 +267,23 @@ void SetupTask::finish(CBEnum::ErrorCode code)
             emit progress(m_shown = 100);
         emit succeeded();
     }
+}
+
+QString SetupTask::deltaReport(qint64 *saved) const
+{
+    const QVariantMap delta = m_manager->packageInfo().value(QStringLiteral("delta")).toMap();
+    if (m_kind != Update || !delta.contains(QStringLiteral("applied")))
+        return QString();
+    const QLocale locale;
+    const qint64 size = delta.value(QStringLiteral("size")).toLongLong();
+    const qint64 full = delta.value(QStringLiteral("fullSize")).toLongLong();
+    if (saved)
+        *saved = delta.value(QStringLiteral("bytesSaved")).toLongLong();
+    if (delta.value(QStringLiteral("applied")).toBool())
+        return tr("The update downloaded a delta of %1 instead of the full %2, saving %3.")
+            .arg(locale.formattedDataSize(size), locale.formattedDataSize(full), locale.formattedDataSize(full - size));
+    return tr("The installed files were not those of version %1, so the full package (%2) was downloaded after the delta (%3).")
+        .arg(delta.value(QStringLiteral("from")).toString(), locale.formattedDataSize(full), locale.formattedDataSize(size));
 }
 
 void SetupTask::boundRetries(Manager &manager, int rounds)

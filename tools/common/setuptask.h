@@ -36,6 +36,11 @@ public:
     // The operation an uninstall runs, "uninstall" unless set.
     void setUninstallFlow(const QString &flow) { m_uninstallFlow = flow; }
 
+    // After an update from the repository through a delta package: how many
+    // bytes it saved (*saved, negative when it did not apply and the full
+    // package came after it) and a sentence saying so; empty otherwise.
+    QString deltaReport(qint64 *saved = nullptr) const;
+
     // A short readable name of a task status ("Downloading").
     static QString stageName(uint status);
     // Gives the engine's endless download retries an end (rounds of them),

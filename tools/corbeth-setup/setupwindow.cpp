@@ -441,7 +441,7 @@ void SetupWindow::showPage(QWidget *page)
         const QString folder = QDir::toNativeSeparators(installFolder());
         m_finishText->setText(m_options.mode == SetupOptions::Uninstall ? tr("%1 has been removed.").arg(m_product.name)
                               : m_options.mode == SetupOptions::Update
-                                  ? tr("%1 in %2 is up to date.").arg(m_product.name, folder)
+                                  ? tr("%1 in %2 is up to date.").arg(m_product.name, folder) + QLatin1Char(' ') + m_task.deltaReport()
                                   : tr("%1 has been installed in %2.").arg(m_product.name, folder));
     }
     updateButtons();

@@ -65,7 +65,12 @@ Command::Command(Options options, Reporter *reporter, QObject *parent)
     connect(&m_task, &SetupTask::progress, this, [this](double percent) { m_reporter->progress(percent); });
     connect(&m_task, &SetupTask::transfer, this,
             [this](qint64 received, qint64 total, double rate) { m_reporter->transfer(received, total, rate); });
-    connect(&m_task, &SetupTask::succeeded, this, [this] { finish(CorbethExit::Success); });
+    connect(&m_task, &SetupTask::succeeded, this, [this] {
+        qint64 saved = 0;
+        if (const QString delta = m_task.deltaReport(&saved); !delta.isEmpty())
+            m_reporter->info(delta, {{QStringLiteral("bytesSaved"), double(saved)}});
+        finish(CorbethExit::Success);
+    });
     connect(&m_task, &SetupTask::cancelled, this, [this] { finish(CorbethExit::Cancelled); });
     connect(&m_task, &SetupTask::failed, this, [this](CBEnum::ErrorCode code) { fail(code, failure(code)); });
 }

@@ -1,6 +1,5 @@
 #include "deltaref_p.h"
 
-#include "logging_p.h"
 #include "repositorylayout_p.h"
 
 #include <QtCore/QRegularExpression>
@@ -82,8 +81,6 @@ bool DeltaRef::pick(const IndexEntry &entry, const QString &installed, DeltaRef 
 
 QVariantMap DeltaRef::describe(QVariantMap info, const IndexEntry &full, const DeltaRef &delta)
 {
-    qCInfo(lcVindal).noquote() << "a delta from" << delta.from << "to" << full.version << "is listed:" << delta.package.size
-                               << "bytes instead of" << full.size;
     info.insert(QStringLiteral("delta"), QVariantMap{{QStringLiteral("from"), delta.from},
                                                      {QStringLiteral("to"), full.version},
                                                      {QStringLiteral("size"), delta.package.size},

@@ -107,7 +107,7 @@ Reply *ManagerPrivate::fetchModule(const QString &module, const VDBasicInfo &inf
     target.installedVersion = m_config.installedVersion.isEmpty() ? StateStore::installed(m_config.identity(), target.name) : m_config.installedVersion;
     target.delivered = [this](const QVariantMap &result) {
         QMutexLocker lock(&m_mutex);
-        m_delivered.insert(result.value(QStringLiteral("path")).toString(), result);
+        m_delivered.insert(QFileInfo(result.value(QStringLiteral("path")).toString()).absoluteFilePath(), result);
     };
     qCInfo(lcVindal) << "download" << target.name << (target.pinned ? target.version : QStringLiteral("newest"));
     return request(RepositoryRequest::Fetch, target);
@@ -210,7 +210,7 @@ void Manager::loadOfflinePackage(Reply *reply, const QString &packageFile, const
     {
         QMutexLocker lock(&d->m_mutex);
         job.limits = d->m_limits;
-        job.delivered = d->m_delivered.value(packageFile);
+        job.delivered = d->m_delivered.value(QFileInfo(packageFile).absoluteFilePath());
     }
     qCInfo(lcVindal) << "unpack" << packageFile << "into" << targetFolder;
     d->m_unpackPool->start([d = d, channel, job] { d->unpack(channel, job); });

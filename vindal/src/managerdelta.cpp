@@ -97,6 +97,11 @@ void ManagerPrivate::applyDelta(const std::shared_ptr<ReplyChannel> &channel, co
         channel->finish(outcome.code, result, outcome.message);
         return;
     }
+    if (*m_shuttingDown) {
+        channel->clearAbortHandler();
+        channel->finish(Error::Cancelled, result, QStringLiteral("the module service was shut down"));
+        return;
+    }
     qCWarning(lcVindal).noquote() << "the delta does not apply, downloading the full package instead:" << outcome.message;
     progress->restFrom();
     if (applier.isBound())

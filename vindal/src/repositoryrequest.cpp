@@ -126,7 +126,12 @@ void RepositoryRequest::indexed(const Outcome &outcome, const PackageIndex &inde
 
     DeltaRef delta;
     if (m_target.useDelta && DeltaRef::pick(*entry, m_target.installedVersion, &delta)) {
+        QVariantMap full = info;
         info = DeltaRef::describe(describe(delta.package, m_config.bases.at(base)), *entry, delta);
+        full.insert(QStringLiteral("delta"), info.value(QStringLiteral("delta")));
+        m_resolved(full); // the package, and the delta that brings it
+        qCInfo(lcVindal).noquote() << "a delta from" << delta.from << "to" << entry->version << "is listed:" << delta.package.size
+                                   << "bytes instead of" << entry->size;
         entry = &delta.package;
     }
 
