@@ -8,8 +8,9 @@ class QIODevice;
 namespace Vindal {
 
 // A compressed binary patch that turns one file into the next version of it.
-// Making and applying stream through bounded memory whatever the files' sizes;
-// a file larger than maxDiffSize() is not diffed and travels whole instead.
+// Applying streams through bounded memory whatever the files' sizes (see
+// docs/repository.md, "Binary patches"); making holds both files and more,
+// so a file larger than maxDiffSize() is not diffed and travels whole instead.
 class BinaryPatch
 {
 public:
