@@ -7,17 +7,29 @@
 //       diff, is copied whole into PATCHES/<path>; unchanged files are left out
 //   corbeth-bench-delta apply OLD PATCHES OUT
 //       OUT/<path> from each patch and whole file of PATCHES
+//   corbeth-bench-delta update REPOSITORY MODULE VERSION INSTALL STORE
+//       downloads VERSION of MODULE and unpacks it into INSTALL through the
+//       library, as the engine's update does: a delta when the library knows
+//       the installed version (VINDAL_STATE_FILE) and one is listed
 //
-// Prints per-file lines on standard error and, on standard output,
-// "<seconds> <peak resident KiB> <files patched> <files whole> <patch bytes>".
+// make and apply print per-file lines on standard error and, on standard
+// output, "<seconds> <peak resident KiB> <files patched> <files whole>
+// <patch bytes>"; update prints "<seconds> <peak resident KiB> <package
+// bytes> delta|full|fell-back".
 #include "binarypatch_p.h"
 #include "peakmemory.h"
+
+#include <vindal/manager.h>
+#include <vindal/reply.h>
+#include <vindal/vdbasicinfo.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDirIterator>
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QEventLoop>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QLoggingCategory>
 
 #include <cstdio>
 
@@ -55,15 +67,56 @@ bool copyWhole(const QString &from, const QString &to)
     return QDir().mkpath(QFileInfo(to).path()) && QFile::copy(from, to);
 }
 
+QVariantMap waitFinished(Reply *reply)
+{
+    QEventLoop loop;
+    QObject::connect(reply, &Reply::finished, &loop, &QEventLoop::quit);
+    if (!reply->isFinished())
+        loop.exec();
+    const QVariantMap result = reply->result();
+    delete reply;
+    return result;
+}
+
+int update(const QStringList &args)
+{
+    QElapsedTimer timer;
+    timer.start();
+    Manager manager;
+    const QVariantMap config{{QStringLiteral("repository"), args.at(2)},
+                             {QStringLiteral("proxy"), QStringLiteral("none")},
+                             {QStringLiteral("moduleInfo"), QVariantMap{{QStringLiteral("module"), args.at(3)}, {QStringLiteral("version"), args.at(4)}}},
+                             {QStringLiteral("startDownload"), QVariantMap{{QStringLiteral("temporaryStoragePath"), args.at(6)}}}};
+    waitFinished(manager.setConfigData(config));
+    const QVariantMap downloaded = waitFinished(manager.downloadOfflineModule(args.at(5), VDBasicInfo())).value(QStringLiteral("result")).toMap();
+    auto *unpack = new Reply;
+    manager.loadOfflinePackage(unpack, downloaded.value(QStringLiteral("path")).toString(), args.at(5));
+    const QVariantMap unpacked = waitFinished(unpack);
+    if (unpacked.value(QStringLiteral("errorCode")).toInt() != 0) {
+        std::fprintf(stderr, "%s\n", qPrintable(unpacked.value(QStringLiteral("errorMessage")).toString()));
+        return 1;
+    }
+    const QVariantMap result = unpacked.value(QStringLiteral("result")).toMap();
+    const QVariant delta = result.value(QStringLiteral("delta"));
+    std::printf("%.3f %lld %lld %s\n", timer.nsecsElapsed() / 1e9, peakMemoryKiB(), result.value(QStringLiteral("bytesTotal")).toLongLong(),
+                !delta.isValid() ? "full" : delta.toMap().value(QStringLiteral("applied")).toBool() ? "delta" : "fell-back");
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
+    // The library logs every step; that is not what is measured.
+    QLoggingCategory::setFilterRules(QStringLiteral("corbeth.lib=false"));
+    if (args.value(1) == QLatin1String("update") && args.size() == 7)
+        return update(args);
     if (args.size() < 5 || (args.at(1) != QLatin1String("make") && args.at(1) != QLatin1String("apply"))) {
         std::fprintf(stderr, "usage: corbeth-bench-delta make OLD NEW PATCHES [smallest|zstd|suffix]\n"
-                             "       corbeth-bench-delta apply OLD PATCHES OUT\n");
+                             "       corbeth-bench-delta apply OLD PATCHES OUT\n"
+                             "       corbeth-bench-delta update REPOSITORY MODULE VERSION INSTALL STORE\n");
         return 2;
     }
     const QString method = args.value(5, QStringLiteral("smallest"));

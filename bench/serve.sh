@@ -4,7 +4,9 @@
 #                            exit together with the nginx serve_folder starts
 #   serve_folder <root> <nginx-dir>
 #                            serves a folder with nginx on a free loopback
-#                            port; sets $port and $nginx_pid
+#                            port; sets $port and $nginx_pid; each request
+#                            is logged to <nginx-dir>/access.log as
+#                            "<status> <bytes sent> <uri>"
 
 need_tools() {
     local tool
@@ -45,7 +47,8 @@ pid "$dir/nginx.pid";
 error_log "$dir/error.log";
 events { worker_connections 64; }
 http {
-    access_log off;
+    log_format sent '\$status \$body_bytes_sent \$uri';
+    access_log "$dir/access.log" sent;
     sendfile on;
     client_body_temp_path "$dir/body";
     proxy_temp_path "$dir/proxy";

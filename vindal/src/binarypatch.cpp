@@ -1,6 +1,7 @@
 #include "binarypatch_p.h"
 
 #include "digest_p.h"
+#include "streamhasher_p.h"
 #include "suffixdiff_p.h"
 
 #include <QtCore/QFile>
@@ -9,8 +10,12 @@
 
 #include <zstd.h>
 
+#include <array>
+#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
+#include <mutex>
 
 namespace Vindal {
 
@@ -53,19 +58,25 @@ struct Header
         newSize = qFromLittleEndian<quint64>(p + 16);
         sha256 = in.mid(24, 32);
         const quint64 limit = quint64(BinaryPatch::maxDiffSize());
-        return (codec == BinaryPatch::Suffix && oldSize <= limit && newSize <= limit)
+        if (oldSize > limit || newSize > limit) // (and their sum cannot wrap)
+            return false;
+        return codec == BinaryPatch::Suffix
             || (codec == BinaryPatch::ZstdPrefix && oldSize + newSize <= quint64(BinaryPatch::maxZstdSize()));
     }
 };
 
-// Making holds both files, and the suffix array: about seven times the
-// larger file at the peak. Applying holds neither.
+// Making holds both files, the suffix array and the streams: about eight
+// times the larger file at the peak. Applying holds neither.
 constexpr qint64 DiffLimit = 64 << 20;
 // The zstd codec holds the old file whole while it applies (the new file's
 // matches reach back into it), and its window covers the old and the new:
 // both together stay under this.
 constexpr qint64 ZstdPrefixLimit = 40 << 20;
 constexpr int ZstdLevel = 19;
+// What applying holds of a large new file, waiting to be written and hashed.
+constexpr qint64 HashThreadFrom = 16 << 20;
+constexpr int OutputBatch = 1 << 20;
+constexpr qint64 HashQueue = 4 << 20;
 
 QByteArray sha256Of(const QByteArray &data)
 {
@@ -142,8 +153,7 @@ bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice 
     bool first = true;
     size_t pending = 1;
     while (pending != 0) {
-        // Up to the frame's end, so that nothing after it is taken.
-        const qint64 n = BinaryPatch::readFull(patch, in.data(), first ? in.size() : qint64(qMin(pending, size_t(in.size()))));
+        const qint64 n = BinaryPatch::readFull(patch, in.data(), in.size());
         if (n <= 0)
             return false;
         // A frame that does not announce the new file's size could make the
@@ -165,6 +175,98 @@ bool applyZstdPrefix(const QByteArray &oldData, const Header &header, QIODevice 
     }
     return true;
 }
+
+// Where a patched file goes: to the caller's device, hashed on the way,
+// never beyond the size the patch announced. A large file is hashed on a
+// thread of its own, beside the patching (it would otherwise take as long
+// as all the rest), in batches whose buffers are used again once hashed:
+// fresh ones would cost a page fault every 4 KiB, more than hashing a small
+// file right away.
+class HashedOutput
+{
+public:
+    HashedOutput(QIODevice *out, quint64 size)
+        : m_out(out)
+        , m_size(size)
+    {
+        if (size >= quint64(HashThreadFrom)) {
+            m_hasher = std::make_unique<StreamHasher>(HashQueue, [this] {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_room = true;
+                m_roomAgain.notify_all();
+            });
+            m_batch.reserve(OutputBatch);
+        }
+    }
+
+    bool write(const char *data, qint64 size)
+    {
+        if ((m_written += quint64(size)) > m_size)
+            return false;
+        if (!m_hasher) {
+            m_digest.add(data, size);
+            return put(data, size);
+        }
+        m_batch.append(data, int(size));
+        return m_batch.size() < OutputBatch || flush();
+    }
+    // The SHA-256 of all that was written, once it is all there.
+    bool finish(QString *sha256)
+    {
+        if (m_written != m_size || (m_hasher && !flush()))
+            return false;
+        if (!m_hasher) {
+            *sha256 = m_digest.hex();
+            return true;
+        }
+        std::promise<QString> hashed;
+        m_hasher->whenHashed([&](const QString &hex) { hashed.set_value(hex); });
+        *sha256 = hashed.get_future().get();
+        return true;
+    }
+    QString error() const { return m_error; }
+
+private:
+    bool put(const char *data, qint64 size)
+    {
+        if (m_out->write(data, size) == size)
+            return true;
+        m_error = QStringLiteral("cannot write the patched file: %1").arg(m_out->errorString());
+        return false;
+    }
+    bool flush()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_room = false;
+        }
+        if (!m_hasher->add(m_batch)) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_roomAgain.wait(lock, [this] { return m_room; });
+        }
+        const bool wrote = put(m_batch.constData(), m_batch.size());
+        m_batch.swap(m_used[m_reuse]);
+        m_reuse = (m_reuse + 1) % m_used.size();
+        if (!m_batch.isDetached())
+            m_batch = QByteArray();
+        m_batch.reserve(OutputBatch); // (which also keeps the buffer when emptied)
+        m_batch.resize(0);
+        return wrote;
+    }
+
+    QIODevice *const m_out;
+    const quint64 m_size;
+    quint64 m_written = 0;
+    QString m_error;
+    Digest m_digest{Digest::Sha256};
+    std::mutex m_mutex;
+    std::condition_variable m_roomAgain;
+    bool m_room = true;
+    QByteArray m_batch;
+    std::array<QByteArray, HashQueue / OutputBatch + 2> m_used;
+    size_t m_reuse = 0;
+    std::unique_ptr<StreamHasher> m_hasher; // last: its thread stops before the rest goes
+};
 
 } // namespace
 
@@ -224,7 +326,7 @@ bool BinaryPatch::make(const QString &oldFile, const QString &newFile, QIODevice
     return false;
 }
 
-bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error)
+bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error, QString *sha256)
 {
     Header header;
     QByteArray bytes(HeaderSize, Qt::Uninitialized);
@@ -232,8 +334,9 @@ bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out
         *error = QStringLiteral("the patch is damaged");
         return false;
     }
+    // Read where each run starts, straight into the codec's buffer.
     QFile file(oldFile);
-    if (!file.open(QIODevice::ReadOnly)) {
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         *error = QStringLiteral("%1: %2").arg(oldFile, file.errorString());
         return false;
     }
@@ -241,18 +344,8 @@ bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out
         *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
         return false;
     }
-    Digest digest(Digest::Sha256);
-    quint64 written = 0;
-    error->clear();
-    const auto write = [&](const char *data, qint64 size) {
-        if ((written += quint64(size)) > header.newSize)
-            return false;
-        digest.add(data, size);
-        if (out->write(data, size) == size)
-            return true;
-        *error = QStringLiteral("cannot write the patched file: %1").arg(out->errorString());
-        return false;
-    };
+    HashedOutput output(out, header.newSize);
+    const auto write = [&](const char *data, qint64 size) { return output.write(data, size); };
     bool applied;
     if (header.codec == ZstdPrefix) {
         const QByteArray oldData = file.read(qint64(header.oldSize));
@@ -265,15 +358,17 @@ bool BinaryPatch::apply(const QString &oldFile, QIODevice *patch, QIODevice *out
         applied = SuffixDiff::apply(&file, patch, qint64(header.newSize), write);
     }
     char more;
-    if (!applied || written != header.newSize || readFull(patch, &more, 1) != 0) {
-        if (error->isEmpty())
-            *error = QStringLiteral("the patch is damaged");
+    QString hex;
+    if (!applied || readFull(patch, &more, 1) != 0 || !output.finish(&hex)) {
+        *error = output.error().isEmpty() ? QStringLiteral("the patch is damaged") : output.error();
         return false;
     }
-    if (QByteArray::fromHex(digest.hex().toLatin1()) != header.sha256) {
+    if (QByteArray::fromHex(hex.toLatin1()) != header.sha256) {
         *error = QStringLiteral("the patch does not fit %1").arg(oldFile);
         return false;
     }
+    if (sha256)
+        *sha256 = hex;
     return true;
 }
 

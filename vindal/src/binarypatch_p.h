@@ -8,8 +8,9 @@ class QIODevice;
 namespace Vindal {
 
 // A compressed binary patch that turns one file into the next version of it.
-// Making and applying stream through bounded memory whatever the files' sizes;
-// a file larger than maxDiffSize() is not diffed and travels whole instead.
+// Applying streams through bounded memory whatever the files' sizes (see
+// docs/repository.md, "Binary patches"); making holds both files and more,
+// so a file larger than maxDiffSize() is not diffed and travels whole instead.
 class BinaryPatch
 {
 public:
@@ -25,7 +26,10 @@ public:
                      QString *error, Codec codec = Smallest);
     // Writes to out the file that patch makes of oldFile. False, with error
     // set, when the patch is damaged or does not fit oldFile, or out fails.
-    static bool apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error);
+    // The result is checked against the SHA-256 the patch names, which goes
+    // to *sha256 (lower-case hex), so the caller need not hash it again.
+    static bool apply(const QString &oldFile, QIODevice *patch, QIODevice *out, QString *error,
+                      QString *sha256 = nullptr);
     static qint64 maxDiffSize();
     static qint64 maxZstdSize();
 

@@ -9,9 +9,9 @@ namespace Vindal {
 
 // The suffixes of a byte string in sorted order, for finding where a piece
 // of a new file occurs in the old one. Built by induced sorting (SA-IS) in
-// linear time: five bytes per byte of text, and at most as much again, briefly,
-// for the reduced problem. Our own code, as no suffix sorting library is
-// available on every platform we build for.
+// linear time: five bytes per byte of text, and at most half as much again,
+// briefly, for the reduced problem. Our own code, as no suffix sorting
+// library is available on every platform we build for.
 class SuffixArray
 {
 public:

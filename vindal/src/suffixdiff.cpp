@@ -9,6 +9,7 @@
 #include <zstd.h>
 
 #include <array>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -34,7 +35,7 @@ constexpr qint64 Piece = 1 << 20;
 constexpr qint64 ControlPiece = 64 << 10;
 // What applying accepts, whoever made the patch.
 constexpr quint32 MaxRaw[StreamCount] = {1 << 20, 3 * Piece, 3 * Piece};
-constexpr int WindowLog = 23; // per stream; the most applying allocates
+constexpr int WindowLog = 21; // per stream; the most applying allocates
 constexpr int Level = 19;
 
 struct ZstdFree
@@ -162,9 +163,30 @@ private:
     std::vector<Ends> m_ends; // where each chunk ends in each stream
 };
 
+// to[i] += from[i] for each byte, eight at a time: the sums of the low seven
+// bits, then the top bits by exclusive or, so no carry crosses a byte.
+void addBytes(char *to, const char *from, int size)
+{
+    constexpr quint64 Low = 0x7f7f7f7f7f7f7f7fULL;
+    int i = 0;
+    for (; i + 8 <= size; i += 8) {
+        quint64 a, b;
+        memcpy(&a, to + i, 8);
+        memcpy(&b, from + i, 8);
+        a = ((a & Low) + (b & Low)) ^ ((a ^ b) & ~Low);
+        memcpy(to + i, &a, 8);
+    }
+    for (; i < size; ++i)
+        to[i] = char(to[i] + from[i]);
+}
+
 // Decodes one stream's piece of a chunk into exactly raw.size() bytes.
 bool decodePart(ZSTD_DCtx *context, const QByteArray &part, QByteArray *raw)
 {
+    // (Calls without input count against zstd's limit of calls that make
+    // no progress: a stream with nothing in many chunks would reach it.)
+    if (part.isEmpty())
+        return raw->isEmpty();
     ZSTD_inBuffer input{part.constData(), size_t(part.size()), 0};
     ZSTD_outBuffer output{raw->data(), size_t(raw->size()), 0};
     while (input.pos < input.size || output.pos < output.size) {
@@ -294,12 +316,9 @@ bool SuffixDiff::apply(QFile *oldFile, QIODevice *patch, qint64 newSize,
                 || oldPosition < 0 || oldPosition > oldSize || copy > quint64(oldSize - oldPosition))
                 return false;
             scratch.resize(int(copy));
-            if (!oldFile->seek(oldPosition) || oldFile->read(scratch.data(), qint64(copy)) != qint64(copy))
+            if (copy && (!oldFile->seek(oldPosition) || oldFile->read(scratch.data(), qint64(copy)) != qint64(copy)))
                 return false;
-            const char *diff = raw[Diff].constData() + diffAt;
-            char *bytes = scratch.data();
-            for (int i = 0; i < int(copy); ++i)
-                bytes[i] = char(bytes[i] + diff[i]);
+            addBytes(scratch.data(), raw[Diff].constData() + diffAt, int(copy));
             if (!write(scratch.constData(), qint64(copy)) || !write(raw[Extra].constData() + extraAt, qint64(extra)))
                 return false;
             diffAt += int(copy);
