@@ -21,6 +21,10 @@ namespace IndexWriter {
 // the repository is signed and no key is given.
 Outcome readKey(const QString &repoFolder, const QString &secretKeyFile, QByteArray *secretKey);
 
+// As expiresInDays: the index keeps the expiry it has (a change that is not
+// a publication, such as its deltas).
+const int KeepExpiry = -1;
+
 // Loads the index of name (a module, or the upgrades document), lets change
 // alter it (a failure leaves the files as they were), and writes it; how
 // receives "signed" or "unsigned".

@@ -141,7 +141,7 @@ Outcome IndexWriter::readKey(const QString &repoFolder, const QString &secretKey
 Outcome IndexWriter::update(PackageIndex::Kind kind, const QString &repoFolder, const QString &name, const QByteArray &secretKey,
                             int expiresInDays, const std::function<Outcome(PackageIndex &)> &change, QString *how)
 {
-    if (expiresInDays < 0 || expiresInDays > MaxExpiryDays)
+    if (expiresInDays != KeepExpiry && (expiresInDays < 0 || expiresInDays > MaxExpiryDays))
         return Outcome::failure(Error::ConfigError, QStringLiteral("the expiry must be 1 to %1 days, not %2").arg(MaxExpiryDays).arg(expiresInDays));
     const QDir repo(repoFolder);
     const QString module = kind == PackageIndex::Module ? name : QString();
@@ -160,7 +160,8 @@ Outcome IndexWriter::update(PackageIndex::Kind kind, const QString &repoFolder, 
     if (kind == PackageIndex::Module)
         index.setModule(name);
     // Each publication states its own expiry; none when it gives none.
-    index.setExpires(expiresInDays > 0 ? QDateTime::currentDateTimeUtc().addDays(expiresInDays) : QDateTime());
+    if (expiresInDays != KeepExpiry)
+        index.setExpires(expiresInDays > 0 ? QDateTime::currentDateTimeUtc().addDays(expiresInDays) : QDateTime());
     const QByteArray json = index.toJson();
     const Outcome written = writeFile(indexPath, json);
     if (!written)

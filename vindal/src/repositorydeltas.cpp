@@ -9,7 +9,6 @@
 #include "packageindex_p.h"
 #include "repositoryfiles_p.h"
 #include "repositorylayout_p.h"
-#include "signature_p.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -22,43 +21,35 @@ namespace Vindal {
 
 namespace {
 
-struct ModuleFolder
-{
-    QDir folder;
-    QString indexPath;
-    QString signaturePath;
-    PackageIndex index;
-};
-
-Outcome openModule(const QString &repoFolder, const QString &module, ModuleFolder *m)
+// The module's folder; its index must exist already.
+Outcome openModule(const QString &repoFolder, const QString &module, QDir *folder)
 {
     if (!Repository::isValidModuleName(module))
         return Outcome::failure(Error::ConfigError, QStringLiteral("\"%1\" is not a valid module name").arg(module), module);
     const QDir repo(repoFolder);
-    m->folder = QDir(repo.filePath(RepositoryLayout::folder(PackageIndex::Module, module)));
-    m->indexPath = repo.filePath(RepositoryLayout::index(PackageIndex::Module, module));
-    m->signaturePath = repo.filePath(RepositoryLayout::signature(PackageIndex::Module, module));
-    if (!QFileInfo::exists(m->indexPath))
-        return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no index in \"%2\"").arg(module, repoFolder), m->indexPath);
-    return loadIndex(m->indexPath, &m->index);
+    *folder = QDir(repo.filePath(RepositoryLayout::folder(PackageIndex::Module, module)));
+    const QString indexPath = repo.filePath(RepositoryLayout::index(PackageIndex::Module, module));
+    if (!QFileInfo::exists(indexPath))
+        return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no index in \"%2\"").arg(module, repoFolder), indexPath);
+    return Outcome::success();
 }
 
-// Writes the index and signs it with the key, or, in an unsigned
-// repository, removes a signature that would no longer match; the expiry
-// stays as the index has it.
-Outcome saveModule(const QString &repoFolder, const ModuleFolder &m, const QString &secretKeyFile)
+Outcome loadModule(const QString &repoFolder, const QString &module, QDir *folder, PackageIndex *index)
+{
+    const Outcome opened = openModule(repoFolder, module, folder);
+    return opened ? loadIndex(QDir(repoFolder).filePath(RepositoryLayout::index(PackageIndex::Module, module)), index) : opened;
+}
+
+// Changes the module's index through the one way indexes are written, signed
+// with the key (which a signed repository requires); the expiry stays.
+Outcome changeIndex(const QString &repoFolder, const QString &module, const QString &secretKeyFile,
+                    const std::function<Outcome(PackageIndex &)> &change)
 {
     QByteArray secretKey;
     if (const Outcome key = IndexWriter::readKey(repoFolder, secretKeyFile, &secretKey); !key)
         return key;
-    const QByteArray json = m.index.toJson();
-    if (const Outcome written = writeFile(m.indexPath, json); !written)
-        return written;
-    if (secretKey.isEmpty()) {
-        QFile::remove(m.signaturePath);
-        return Outcome::success();
-    }
-    return writeFile(m.signaturePath, Signature::sign(json, secretKey));
+    QString how;
+    return IndexWriter::update(PackageIndex::Module, repoFolder, module, secretKey, IndexWriter::KeepExpiry, change, &how);
 }
 
 QList<IndexEntry> newestFirst(const PackageIndex &index)
@@ -70,10 +61,10 @@ QList<IndexEntry> newestFirst(const PackageIndex &index)
 }
 
 // Removes the files of deltas no longer listed by any version.
-void removeUnlisted(const ModuleFolder &m, const QList<DeltaRef> &dropped)
+void removeUnlisted(const QDir &folder, const PackageIndex &index, const QList<DeltaRef> &dropped)
 {
     QSet<QString> listed;
-    for (const IndexEntry &entry : m.index.entries()) {
+    for (const IndexEntry &entry : index.entries()) {
         QList<DeltaRef> deltas;
         QString problem;
         DeltaRef::listOf(entry, &deltas, &problem);
@@ -83,7 +74,7 @@ void removeUnlisted(const ModuleFolder &m, const QList<DeltaRef> &dropped)
     }
     for (const DeltaRef &delta : dropped) {
         if (!listed.contains(delta.package.file))
-            QFile::remove(m.folder.filePath(delta.package.file));
+            QFile::remove(folder.filePath(delta.package.file));
     }
 }
 
@@ -92,70 +83,76 @@ void removeUnlisted(const ModuleFolder &m, const QList<DeltaRef> &dropped)
 Outcome Repository::publishDeltas(const QString &repoFolder, const QString &module, const QString &version, int count,
                                   const QString &secretKeyFile)
 {
-    ModuleFolder m;
-    if (const Outcome opened = openModule(repoFolder, module, &m); !opened)
+    QDir folder;
+    if (const Outcome opened = openModule(repoFolder, module, &folder); !opened)
         return opened;
-    const IndexEntry *found = m.index.find(version);
-    if (!found)
-        return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version %2").arg(module, version));
-    IndexEntry entry = *found;
     QList<DeltaRef> before;
-    QString problem;
-    DeltaRef::listOf(entry, &before, &problem);
-    QList<DeltaRef> deltas;
     QStringList notes;
-    int tried = 0;
-    for (const IndexEntry &base : newestFirst(m.index)) {
-        if (PackageIndex::compareVersions(base.version, version) >= 0)
-            continue;
-        if (tried++ >= count)
-            break;
-        const QString basePackage = m.folder.filePath(base.file);
-        DeltaRef delta;
-        delta.from = base.version;
-        delta.package.version = version;
-        delta.package.file = DeltaRef::fileName(module, base.version, version);
-        const QString path = m.folder.filePath(delta.package.file);
-        QString skip;
-        FileDigest digest;
-        if (!QFileInfo(basePackage).isFile()) {
-            skip = QStringLiteral("its package is gone");
-        } else if (!PackageIndex::isPlainFileName(delta.package.file)) {
-            skip = QStringLiteral("the delta's file name would be too long");
-        } else if (const Outcome made = DeltaBuilder::make(module, {basePackage, base.version}, {m.folder.filePath(entry.file), version}, path);
-                   !made) {
-            skip = made.message;
-        } else if (digest = FileDigest::ofFile(path); digest.size >= entry.size) {
-            skip = QStringLiteral("not smaller than the full package");
+    PackageIndex written;
+    const Outcome changed = changeIndex(repoFolder, module, secretKeyFile, [&](PackageIndex &index) {
+        const IndexEntry *found = index.find(version);
+        if (!found)
+            return Outcome::failure(Error::NotFound, QStringLiteral("%1 has no version %2").arg(module, version));
+        IndexEntry entry = *found;
+        QString problem;
+        DeltaRef::listOf(entry, &before, &problem);
+        QList<DeltaRef> deltas;
+        int tried = 0;
+        for (const IndexEntry &base : newestFirst(index)) {
+            if (PackageIndex::compareVersions(base.version, version) >= 0)
+                continue;
+            if (tried++ >= count)
+                break;
+            const QString basePackage = folder.filePath(base.file);
+            DeltaRef delta;
+            delta.from = base.version;
+            delta.package.version = version;
+            delta.package.file = DeltaRef::fileName(module, base.version, version);
+            const QString path = folder.filePath(delta.package.file);
+            QString skip;
+            FileDigest digest;
+            if (!QFileInfo(basePackage).isFile()) {
+                skip = QStringLiteral("its package is gone");
+            } else if (!PackageIndex::isPlainFileName(delta.package.file)) {
+                skip = QStringLiteral("the delta's file name would be too long");
+            } else if (const Outcome made = DeltaBuilder::make(module, {basePackage, base.version}, {folder.filePath(entry.file), version}, path);
+                       !made) {
+                skip = made.message;
+            } else if (digest = FileDigest::ofFile(path); digest.size >= entry.size) {
+                skip = QStringLiteral("not smaller than the full package");
+            }
+            if (!skip.isEmpty()) {
+                QFile::remove(path);
+                notes.append(QStringLiteral("no delta from %1: %2").arg(base.version, skip));
+                continue;
+            }
+            delta.package.size = digest.size;
+            delta.package.md5 = digest.md5;
+            delta.package.sha256 = digest.sha256;
+            deltas.append(delta);
+            notes.append(QStringLiteral("delta from %1: %2 bytes (%3% of %4)")
+                             .arg(base.version).arg(digest.size).arg(100.0 * double(digest.size) / double(qMax<qint64>(1, entry.size)), 0, 'f', 1)
+                             .arg(entry.size));
         }
-        if (!skip.isEmpty()) {
-            QFile::remove(path);
-            notes.append(QStringLiteral("no delta from %1: %2").arg(base.version, skip));
-            continue;
-        }
-        delta.package.size = digest.size;
-        delta.package.md5 = digest.md5;
-        delta.package.sha256 = digest.sha256;
-        deltas.append(delta);
-        notes.append(QStringLiteral("delta from %1: %2 bytes (%3% of %4)")
-                         .arg(base.version).arg(digest.size).arg(100.0 * double(digest.size) / double(qMax<qint64>(1, entry.size)), 0, 'f', 1)
-                         .arg(entry.size));
-    }
-    DeltaRef::setList(&entry, deltas);
-    m.index.upsert(entry);
-    if (const Outcome saved = saveModule(repoFolder, m, secretKeyFile); !saved)
-        return saved;
-    removeUnlisted(m, before);
+        DeltaRef::setList(&entry, deltas);
+        index.upsert(entry);
+        written = index;
+        return Outcome::success();
+    });
+    if (!changed)
+        return changed;
+    removeUnlisted(folder, written, before);
     return Outcome::success(notes.isEmpty() ? QStringLiteral("no older version to make a delta from") : notes.join(QLatin1String("; ")));
 }
 
 Outcome Repository::listDeltas(const QString &repoFolder, const QString &module)
 {
-    ModuleFolder m;
-    if (const Outcome opened = openModule(repoFolder, module, &m); !opened)
-        return opened;
+    QDir folder;
+    PackageIndex index;
+    if (const Outcome loaded = loadModule(repoFolder, module, &folder, &index); !loaded)
+        return loaded;
     QStringList lines;
-    for (const IndexEntry &entry : newestFirst(m.index)) {
+    for (const IndexEntry &entry : newestFirst(index)) {
         QList<DeltaRef> deltas;
         QString problem;
         DeltaRef::listOf(entry, &deltas, &problem);
@@ -163,7 +160,7 @@ Outcome Repository::listDeltas(const QString &repoFolder, const QString &module)
             lines.append(QStringLiteral("%1 from %2: %3, %4 bytes (%5% of %6)%7")
                              .arg(entry.version, delta.from, delta.package.file).arg(delta.package.size)
                              .arg(100.0 * double(delta.package.size) / double(qMax<qint64>(1, entry.size)), 0, 'f', 1).arg(entry.size)
-                             .arg(QFileInfo(m.folder.filePath(delta.package.file)).isFile() ? QString() : QStringLiteral(", file missing")));
+                             .arg(QFileInfo(folder.filePath(delta.package.file)).isFile() ? QString() : QStringLiteral(", file missing")));
         }
     }
     return Outcome::success(lines.join(QLatin1Char('\n')));
@@ -171,23 +168,29 @@ Outcome Repository::listDeltas(const QString &repoFolder, const QString &module)
 
 Outcome Repository::pruneDeltas(const QString &repoFolder, const QString &module, int keep, const QString &secretKeyFile)
 {
-    ModuleFolder m;
-    if (const Outcome opened = openModule(repoFolder, module, &m); !opened)
-        return opened;
+    QDir folder;
+    PackageIndex index;
+    if (const Outcome loaded = loadModule(repoFolder, module, &folder, &index); !loaded)
+        return loaded;
+    const auto older = [keep](const PackageIndex &index) { return newestFirst(index).mid(qMax(0, keep)); };
     QList<DeltaRef> dropped;
-    const QList<IndexEntry> entries = newestFirst(m.index);
-    for (int i = qMax(0, keep); i < entries.size(); ++i) {
-        IndexEntry entry = entries.at(i);
+    for (const IndexEntry &entry : older(index)) {
         QString problem;
         DeltaRef::listOf(entry, &dropped, &problem);
-        DeltaRef::setList(&entry, {});
-        m.index.upsert(entry);
     }
     if (dropped.isEmpty())
         return Outcome::success(QStringLiteral("no deltas to remove"));
-    if (const Outcome saved = saveModule(repoFolder, m, secretKeyFile); !saved)
-        return saved;
-    removeUnlisted(m, dropped);
+    const Outcome changed = changeIndex(repoFolder, module, secretKeyFile, [&](PackageIndex &current) {
+        for (IndexEntry entry : older(current)) {
+            DeltaRef::setList(&entry, {});
+            current.upsert(entry);
+        }
+        index = current;
+        return Outcome::success();
+    });
+    if (!changed)
+        return changed;
+    removeUnlisted(folder, index, dropped);
     return Outcome::success(QStringLiteral("removed %1 deltas").arg(dropped.size()));
 }
 
